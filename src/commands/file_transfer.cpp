@@ -1,0 +1,72 @@
+#include "commands/file_transfer.h"
+
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <cstdio>
+#include <string>
+
+#include "hub/end_process.h"
+#include "hub/files.h"
+#include "hub/packet.h"
+#include "hub/queues.h"
+#include "logging/log_channel.h"
+
+namespace {
+
+std::uint8_t transferActive = 0;    // 1 from an accepted start to the next end
+std::FILE* transferFile = nullptr;  // null: no open stream
+std::string transferFileName;       // from the latest accepted start
+
+bool transferFileIsOpen() {
+  return transferFile != nullptr && fcntl(fileno(transferFile), F_GETFD) != -1;
+}
+
+}  // namespace
+
+void openTransferPlaceholder() {
+  transferFile = openFile("bad_file", "ab+");
+}
+
+void handleTransferStart(const std::uint8_t* packet, std::uint16_t length) {
+  if (transferActive == 1) {
+    messagesChannel.error() << "HubKeeper: Two transfers started";
+    return;
+  }
+  // The last byte closes the name and is no part of it, whatever it holds.
+  transferFileName.clear();
+  for (int i = packetHeaderSize; i < length - 1; ++i) transferFileName.push_back(static_cast<char>(packet[i]));
+  const std::string target = "/" + transferFileName;
+
+  transferActive = 1;
+  // The stream held so far stays open: that of the placeholder, at a first transfer.
+  transferFile = openFile(target.c_str(), "wb+");
+  if (transferFile == nullptr) endAfterFailure("HubKeeper: Failed to open file for transfer", "fopen");
+  sendMessage(transferStartSend, packet, length);
+}
+
+void handleTransferChunk(const std::uint8_t* packet, std::uint16_t length) {
+  if (!transferFileIsOpen() || transferActive == 0) {
+    messagesChannel.error() << "HubKeeper: Tried to write bad app file";
+    return;
+  }
+  const std::size_t size = length - std::size_t{packetHeaderSize};
+  static_cast<void>(std::fwrite(packet + packetHeaderSize, 1, size, transferFile));
+}
+
+void handleTransferEnd(const std::uint8_t* packet, std::uint16_t length) {
+  sleep(1);  // before any test, also for a stray end Packet
+  transferActive = 0;
+  if (transferFileIsOpen()) {
+    static_cast<void>(std::fseek(transferFile, 0, SEEK_SET));
+    const int closed = std::fclose(transferFile);
+    transferFile = nullptr;
+    if (closed != 0) {
+      messagesChannel.error() << "HubKeeper: Failed to close file";
+      endProcess();
+    }
+  } else {
+    messagesChannel.error() << "HubKeeper: Tried to close bad app file";
+  }
+  sendMessage(transferEndSend, packet, length);
+}

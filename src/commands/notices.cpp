@@ -1,0 +1,49 @@
+#include "commands/notices.h"
+
+#include <dirent.h>
+
+#include <string>
+
+#include "hub/packet.h"
+#include "hub/queues.h"
+#include "logging/log_channel.h"
+
+namespace {
+
+constexpr const char* stagingDirectory = "/var/staging/";
+
+std::string findPackageName() {
+  std::string name;
+  DIR* directory = opendir(stagingDirectory);
+  if (directory == nullptr) {
+    messagesChannel.error() << "HubKeeper ERROR: No such directory: " << stagingDirectory;
+    return name;
+  }
+  bool found = false;
+  while (!found) {
+    const dirent* entry = readdir(directory);
+    if (entry == nullptr) break;
+    name = entry->d_name;
+    found = name.find('V') != std::string::npos;
+  }
+  closedir(directory);
+  if (!found) messagesChannel.error() << "HubKeeper ERROR: No valid package in directory: " << stagingDirectory;
+  return name;
+}
+
+}  // namespace
+
+int setState(std::uint16_t state) {
+  if (state == kWirepathArmState_RESET) {
+    messagesChannel.error() << "HubKeeper: ARM not allowed to set it's own state to 0, kWirepathArmState_RESET";
+    return 0;
+  }
+  const std::uint8_t text[2] = {static_cast<std::uint8_t>(state & 0xFF), static_cast<std::uint8_t>(state >> 8)};
+  return sendMessage(stateNoticeSend, text, sizeof text) ? 1 : 0;
+}
+
+void sendSwPackage(int selector) {
+  const std::string name = findPackageName();
+  sendPacket(packageNoticeSend, 0, selector == 0 ? opcodePackage : opcodePackageOther,
+             reinterpret_cast<const std::uint8_t*>(name.data()), static_cast<int>(name.size()));
+}

@@ -1,0 +1,111 @@
+#include "hub/dispatch.h"
+
+#include <cstdio>
+
+#include "commands/clocksteward_switch.h"
+#include "commands/file_transfer.h"
+#include "commands/remote_command.h"
+#include "commands/version_report.h"
+#include "hub/packet.h"
+#include "hub/queues.h"
+#include "logging/log_channel.h"
+
+namespace {
+
+struct Received {
+  const std::uint8_t* packet;
+  std::uint16_t remaining;
+  PacketHeader header;
+};
+
+// The lengths with which a Packet may be acted upon; whatever they are, it must not run past its Bundle.
+struct Lengths {
+  std::uint16_t least;
+  std::uint16_t most;
+};
+constexpr Lengths anyFrame{0, frameTextSize};  // a forward sends even a header cut short, as it came
+constexpr Lengths wholeFrame{packetHeaderSize, frameTextSize};
+constexpr Lengths wholeBundle{packetHeaderSize, bundleTextSize};
+constexpr Lengths unread{0, 0xFFFF};  // the Packet's length plays no part, nor do the bytes behind its header
+
+struct Route {
+  std::uint8_t first;
+  std::uint8_t last;
+  const Lengths& lengths;
+  void (*act)(const Received& received);
+};
+
+void answerHeartbeat(const Received& received) {
+  static constexpr std::uint8_t filler[maxPayload] = {};
+  sendPacket(heartbeatReplySend, received.header.tag, opcodeHeartbeatReply, filler, maxPayload);
+}
+
+void forward(const SendKind& peer, const Received& received) {
+  sendMessage(peer, received.packet, received.header.length);
+}
+
+void runCommand(const Received& received) {
+  const PacketHeader& header = received.header;
+  // The command ends at its NUL, which must lie within the Packet, or within the Bundle where the length is bad.
+  const bool sound = fitsBundle(header.length, received.remaining);
+  const char* refusal = commandRefusal(received.packet, sound ? header.length : received.remaining);
+  if (refusal != nullptr) {
+    refuseRemoteCommand(header.tag, refusal);
+  } else {
+    handleRemoteCommand(received.packet, header.tag);
+  }
+}
+
+// The first row that holds the opcode wins, so the order counts: a heartbeat lies in Netsteward's range.
+constexpr Route routes[] = {
+    {opcodeHeartbeat, opcodeHeartbeat, unread, answerHeartbeat},
+    {opcodeChronicler, opcodeChronicler, anyFrame, [](const Received& r) { forward(chroniclerSend, r); }},
+    {opcodeNetstewardFirst, opcodeNetstewardLast, anyFrame, [](const Received& r) { forward(netstewardSend, r); }},
+    {opcodeClockstewardFirst, opcodeClockstewardLast, anyFrame,
+     [](const Received& r) { forward(clockstewardSend, r); }},
+    {opcodeVersion, opcodeVersion, unread, [](const Received& r) { handleVersionRequest(r.header.tag); }},
+    {opcodeCommand, opcodeCommand, unread, runCommand},
+    {opcodeTransferStart, opcodeTransferStart, wholeFrame,
+     [](const Received& r) { handleTransferStart(r.packet, r.header.length); }},
+    {opcodeTransferChunk, opcodeTransferChunk, wholeBundle,
+     [](const Received& r) { handleTransferChunk(r.packet, r.header.length); }},
+    {opcodeTransferEnd, opcodeTransferEnd, wholeFrame,
+     [](const Received& r) { handleTransferEnd(r.packet, r.header.length); }},
+    {opcodeClockstewardOff, opcodeClockstewardOff, unread, [](const Received&) { handleClockstewardDisable(); }},
+    {opcodeClockstewardOn, opcodeClockstewardOn, unread, [](const Received&) { handleClockstewardEnable(); }},
+};
+
+const Route* findRoute(std::uint8_t opcode) {
+  for (const Route& route : routes) {
+    if (route.first <= opcode && opcode <= route.last) return &route;
+  }
+  return nullptr;
+}
+
+bool lengthHolds(const Route& route, const Received& received) {
+  if (&route.lengths == &unread) return true;
+  const std::uint16_t length = received.header.length;
+  return length >= route.lengths.least && length <= route.lengths.most && length <= received.remaining;
+}
+
+}  // namespace
+
+void dispatchPacket(const std::uint8_t* packet, std::uint16_t remaining) {
+  const Received received{packet, remaining, readHeader(packet, remaining)};
+  const PacketHeader& header = received.header;
+  sendMessage(bounceSend, &header.opcode, 1);
+
+  const Route* route = findRoute(header.opcode);
+  char line[128];
+  if (route == nullptr) {
+    std::snprintf(line, sizeof line, "bad opcode: %x", header.opcode);
+    messagesChannel.error() << line;
+  } else if (!lengthHolds(*route, received)) {
+    // Dropped whole: a Packet cut short is not the Packet that was meant.
+    std::snprintf(line, sizeof line, "HubKeeper: Packet dropped, opcode %x, length %u, remaining bundle size %u",
+                  header.opcode, header.length, remaining);
+    messagesChannel.error() << line;
+  } else {
+    route->act(received);
+  }
+}

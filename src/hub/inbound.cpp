@@ -1,0 +1,68 @@
+#include "hub/inbound.h"
+
+#include <sys/ipc.h>
+#include <sys/msg.h>
+
+#include <cerrno>
+
+#include "commands/file_transfer.h"
+#include "hub/dispatch.h"
+#include "hub/identity.h"
+#include "hub/packet.h"
+#include "hub/queues.h"
+#include "logging/log_channel.h"
+
+namespace {
+
+struct ReceiveArea {
+  long mtype;
+  std::uint8_t mtext[bundleTextSize];
+};
+
+// A message longer than the area fails every receive and stays where it is; taking it off cut short, unread, makes it
+// cost one failure line and not an endless loop.
+void discardOversized(ReceiveArea& area) {
+  static_cast<void>(msgrcv(inboundQueue, &area, sizeof area.mtext, 0, MSG_NOERROR | IPC_NOWAIT));
+}
+
+void receiveBundle(ReceiveArea& area) {
+  const ssize_t received = msgrcv(inboundQueue, &area, sizeof area.mtext, 0, 0);
+  if (received > 0) {
+    walkBundle(area.mtext, static_cast<std::uint16_t>(received));
+  } else if (received == 0) {
+    messagesChannel.error() << "HubKeeper: Received a queue message of size 0 on inbound queue";
+  } else {
+    const int reason = errno;
+    messagesChannel.error() << "HubKeeper: msgrcv inbound failed, sizeReceived = " << static_cast<int>(received);
+    if (reopenInboundQueue() == -1) messagesChannel.error() << "Failed recreating the que";
+    if (reason == E2BIG) discardOversized(area);
+  }
+}
+
+}  // namespace
+
+void walkBundle(const std::uint8_t* bundle, std::uint16_t size) {
+  const std::uint8_t* packet = bundle;
+  std::uint16_t remaining = size;
+  while (remaining > 0) {
+    dispatchPacket(packet, remaining);
+    const std::uint16_t length = readHeader(packet, remaining).length;
+    if (!fitsBundle(length, remaining)) {
+      messagesChannel.fatal() << "HubKeeper: Bad bundle or message size. message size is " << static_cast<int>(length)
+                              << " and remaining bundle size is " << static_cast<int>(remaining);
+      return;
+    }
+    packet += length;
+    remaining = static_cast<std::uint16_t>(remaining - length);
+  }
+}
+
+void* inboundThread(void*) {
+  openTransferPlaceholder();
+  ReceiveArea area = {};  // cleared here alone: behind a short message stand the bytes of earlier ones
+  createQues();
+  logQueueIds();
+  logSystemName();
+  logFirmwareVersion();
+  for (;;) receiveBundle(area);
+}

@@ -1,0 +1,66 @@
+// The process entry. The main thread sets up logging, leaves the version in log and version file, starts the inbound
+// and the monitor thread and then only sleeps. Neither the command line nor the environment is looked at.
+
+#include <fcntl.h>
+#include <time.h>
+
+#include <cstdint>
+#include <cstdio>
+#include <string>
+
+#include "hub/end_process.h"
+#include "hub/identity.h"
+#include "hub/threads.h"
+#include "logging/log_channel.h"
+#include "logging/log_manager.h"
+
+namespace {
+
+const std::string appVersion = HUBKEEPER_VERSION;
+constexpr std::int32_t defaultLogPriority = 400;   // WARN
+constexpr std::int32_t messagesLogPriority = 600;  // INFO
+const std::string logPattern = "%p %d{%d %b %Y %X} %m %n";
+const std::string logDirectory = "/media/data";
+constexpr bool logToFile = true;
+constexpr bool logToConsole = true;
+
+void configureLogging() {
+  // log4cpp's console sink does not flush; on a pipe, lines would wait in the buffer and be lost at a kill.
+  std::setvbuf(stdout, nullptr, _IOLBF, 0);
+  LogManager* manager = LogManager::getInstance();
+  manager->setPriority(defaultLogPriority);
+  manager->setPattern(logPattern);
+  manager->setPath(logDirectory);
+  manager->setFile(logToFile);
+  manager->setConsole(logToConsole);
+  manager->getChannel("messages").setPriority(messagesLogPriority);
+  messagesChannel = manager->getChannel("messages");
+}
+
+void makeInputNonBlocking() {
+  const int flags = fcntl(0, F_GETFL);
+  fcntl(0, F_SETFL, flags | O_NONBLOCK);
+}
+
+[[noreturn]] void idle() {
+  constexpr timespec step{0, 200'000'000};
+  while (clock_nanosleep(CLOCK_REALTIME, 0, &step, nullptr) == 0) {
+  }
+  messagesChannel.error() << "HubKeeper: clock_nanosleep failed for main";
+  endProcess();
+}
+
+}  // namespace
+
+int main() {
+  configureLogging();
+  messagesChannel.info() << "HubKeeper version: " << appVersion;
+  stampVersion(appVersion);
+  messagesChannel.info() << "HubKeeper Build Date: " << __DATE__ << " " << __TIME__;
+  initThreadAttributes();
+  setThreadScheduling();
+  createThreads();
+  destroyThreadAttributes();
+  makeInputNonBlocking();
+  idle();
+}
