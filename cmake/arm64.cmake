@@ -1,0 +1,5 @@
+set(HUBKEEPER_ARCH arm64)
+set(HUBKEEPER_PROCESSOR aarch64)
+set(HUBKEEPER_TRIPLET aarch64-linux-gnu)
+set(HUBKEEPER_QEMU qemu-aarch64-static)
+include(${CMAKE_CURRENT_LIST_DIR}/debian-cross.cmake)
