@@ -73,6 +73,13 @@ LogChannel::LogChannel(const LogChannel& other) : LogChannel(other.name) {
   pattern = other.pattern;
 }
 
+LogStream LogChannel::debug() const { return debugStream; }
+LogStream LogChannel::info() const { return infoStream; }
+LogStream LogChannel::warn() const { return warnStream; }
+LogStream LogChannel::error() const { return errorStream; }
+LogStream LogChannel::alert() const { return alertStream; }
+LogStream LogChannel::fatal() const { return fatalStream; }
+
 LogStream LogChannel::stream(const int& priority) const {
   switch (priority) {
     case Priority::FATAL:

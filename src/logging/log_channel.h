@@ -22,12 +22,12 @@ class LogChannel {
   LogChannel& operator=(const LogChannel& other) = default;
   ~LogChannel() = default;
 
-  [[nodiscard]] LogStream debug() const { return debugStream; }
-  [[nodiscard]] LogStream info() const { return infoStream; }
-  [[nodiscard]] LogStream warn() const { return warnStream; }
-  [[nodiscard]] LogStream error() const { return errorStream; }
-  [[nodiscard]] LogStream alert() const { return alertStream; }
-  [[nodiscard]] LogStream fatal() const { return fatalStream; }
+  [[nodiscard]] LogStream debug() const;
+  [[nodiscard]] LogStream info() const;
+  [[nodiscard]] LogStream warn() const;
+  [[nodiscard]] LogStream error() const;
+  [[nodiscard]] LogStream alert() const;
+  [[nodiscard]] LogStream fatal() const;
   /// The stream of exactly that priority (0, 100, 300, 400, 600, 700); any other number yields the DEBUG stream.
   [[nodiscard]] LogStream stream(const int& priority) const;
 

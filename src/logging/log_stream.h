@@ -5,6 +5,7 @@
 
 #include <sstream>
 #include <string>
+#include <type_traits>
 
 class LogStream {
  public:
@@ -13,20 +14,25 @@ class LogStream {
 
   // A copy shares the buffer's pointer. That is sound because only temporaries ever hold a buffer, and a temporary is
   // not copied once text has gone into it.
-  LogStream(const LogStream&) = default;
-  LogStream& operator=(const LogStream&) = default;
+  LogStream(const LogStream& other);
+  LogStream& operator=(const LogStream& other);
 
   /// Sends what was inserted; a stream that received nothing, not even an empty string, logs nothing.
   virtual ~LogStream();
 
   template <typename T>
   LogStream& operator<<(const T& value) {
-    text() << value;
+    if constexpr (std::is_convertible_v<const T&, const char*>) {
+      insert(value);  // one piece of code for string literals of every length
+    } else {
+      text() << value;
+    }
     return *this;
   }
 
  private:
   std::ostringstream& text();
+  void insert(const char* value);
 
   std::ostringstream* buffer = nullptr;  // owned; made by the first insertion
   std::string categoryName;
