@@ -124,6 +124,8 @@ unsigned __wrap_sleep(unsigned) {
   return 0;
 }
 
+void __wrap_perror(const char*) {}
+
 void __wrap__exit(int) {
   REQUIRE("the process ended itself" == nullptr);
 }

@@ -1,0 +1,176 @@
+// Prints what the routing costs, against bare loops (bare.cpp) where that can be told as a ratio. The service is the
+// unmodified executable in a process of its own; batches of the two alternate, so that whatever else the machine does
+// hits both alike. Times are the inbound thread's CPU time: a batch is queued while the process is stopped and measured
+// from its release until the thread waits again.
+//
+//   scripts/sandbox build/bench/bench/bench [ROUNDS]
+
+#include <sched.h>
+
+#include "common.h"
+
+namespace {
+
+const std::string here = std::filesystem::read_symlink("/proc/self/exe").parent_path();
+const std::string hubkeeper = here + "/../src/hubkeeper";
+const std::string bare = here + "/bare";
+std::size_t rounds = 200;
+
+using Words = std::vector<std::string>;
+
+std::string times(const std::string& one, std::size_t count) {
+  std::string all;
+  while (count-- > 0) all += one;
+  return all;
+}
+
+void runOnCpu(unsigned cpu) {
+  cpu_set_t set;
+  CPU_ZERO(&set);
+  CPU_SET(cpu, &set);
+  sched_setaffinity(0, sizeof set, &set);
+}
+
+void schedule(int policy) {
+  const sched_param none{};
+  sched_setscheduler(0, policy, &none);
+}
+
+Words command(const std::string& program, Words words) {
+  words.insert(words.begin(), program);
+  return words;
+}
+
+double cpuOfBatch(const Subject& subject, const Queues& queues, const std::string& bundle, unsigned bundles) {
+  const std::uint64_t before = subject.cpuWhenIdle(queues);
+  subject.stop();
+  for (unsigned i = 0; i < bundles; ++i) queues.send(bundle);
+  subject.resume();
+  const std::uint64_t after = subject.cpuWhenIdle(queues);
+  queues.drain();
+  return static_cast<double>(after - before);
+}
+
+// Both answers of a heartbeat, taken as soon as they are there.
+double roundTrip(const Queues& queues, const std::string& heartbeat) {
+  Message message;
+  const double begin = nanoseconds();
+  queues.send(heartbeat);
+  queues.take(1003, message);
+  queues.take(1003, message);
+  return nanoseconds() - begin;
+}
+
+template <typename Measure>
+void compare(const char* label, const char* goal, const Words& bareWords, double perUnit, Measure measure) {
+  const Queues hubQueues;
+  const Queues bareQueues(5000);
+  const Subject hub(command(hubkeeper, {}));
+  const Subject loop(command(bare, bareWords));
+  hub.cpuWhenIdle(hubQueues), loop.cpuWhenIdle(bareQueues);
+  std::vector<double> hubCosts, bareCosts, ratios;
+  for (std::size_t round = 0; round < rounds + 5; ++round) {  // the first few warm up
+    const double hubCost = measure(hub, hubQueues) / perUnit;
+    const double bareCost = measure(loop, bareQueues) / perUnit;
+    if (round < 5) continue;
+    hubCosts.push_back(hubCost), bareCosts.push_back(bareCost), ratios.push_back(hubCost / bareCost);
+  }
+  std::printf("%-44s %8.0f %8.0f %7.3f  %s\n", label, median(hubCosts), median(bareCosts), median(ratios), goal);
+  std::fflush(stdout);
+}
+
+void compareCpu(const char* label, const char* goal, const Words& bareWords, const std::string& one, unsigned perBundle,
+                unsigned bundles) {
+  const std::string bundle = times(one, perBundle);
+  compare(label, goal, bareWords, perBundle * bundles,
+          [&](const Subject& subject, const Queues& queues) { return cpuOfBatch(subject, queues, bundle, bundles); });
+}
+
+void compareStart() {
+  const Queues queues;
+  std::vector<double> costs[2], ratios;
+  for (std::size_t round = 0; round < rounds; ++round) {
+    double cost[2];
+    for (const int side : {0, 1}) {
+      Message message;
+      queues.send(packet(0x04));
+      const double begin = nanoseconds();
+      const Subject subject(side == 0 ? Words{hubkeeper} : Words{bare, "start"});
+      queues.take(1003, message);
+      queues.take(1003, message);
+      cost[side] = nanoseconds() - begin;
+      costs[side].push_back(cost[side]);
+    }
+    ratios.push_back(cost[0] / cost[1]);
+  }
+  std::printf("%-44s %8.0f %8.0f %7.3f  %s\n", "start to first answer, us", median(costs[0]) / 1000,
+              median(costs[1]) / 1000, median(ratios), "1.05");
+}
+
+std::string outputOf(const std::string& line) {
+  std::FILE* output = popen(line.c_str(), "r");
+  std::string text;
+  for (char piece[256]; std::fgets(piece, sizeof piece, output) != nullptr;) text += piece;
+  pclose(output);
+  return text;
+}
+
+void count(const char* label, const std::string& packets) {
+  constexpr long walks = 1000;
+  const std::string route = here + "/route " + packets + " " + std::to_string(walks);
+  const double allocations = std::atof(outputOf(route + " 2>/dev/null").c_str());
+  const std::string collected = outputOf(
+      "valgrind --tool=callgrind --callgrind-out-file=/dev/null --collect-atstart=no "
+      "--toggle-collect='walkBundle*' " +
+      route + " 2>&1 >/dev/null | sed -n 's/.*Collected : //p'");
+  std::printf("%-44s %8.0f %8.2f\n", label, std::atof(collected.c_str()) / (8 * walks), allocations / (8 * walks));
+}
+
+}  // namespace
+
+int main(int words, char** word) {
+  if (words > 1) rounds = std::strtoul(word[1], nullptr, 10);
+  const std::string heartbeat = packet(0x04);
+
+  std::printf("%-44s %8s %8s %7s  %s\n", "CPU nanoseconds", "hub", "bare", "ratio", "goal");
+  runOnCpu(1);  // the subjects inherit it; batches are queued while they are stopped, so nothing competes
+  compareCpu("forwarded Packet of 32 bytes, full Bundles", "1.08", {"loop", "32", "1000", "32"},
+             packet(0x01, std::string(27, 'x')), 256, 8);
+  compareCpu("forwarded Packet of 512 bytes, full Bundles", "1.08", {"loop", "512", "1000", "512"},
+             packet(0x01, std::string(507, 'x')), 16, 64);
+  compareCpu("heartbeat, 8 in a Bundle", "1.12", {"loop", "5", "1003", "512"}, heartbeat, 8, 128);
+  compareCpu("bad opcode, 8 in a Bundle", "1.15", {"log"}, packet(0xFF), 8, 64);
+  std::printf("\n%-44s %8s %8s %7s  %s\n", "elapsed", "hub", "bare", "ratio", "goal");
+  for (const unsigned cpu : {1U, 0U}) {
+    compare(cpu == 1 ? "round trip of a heartbeat, one CPU, ns" : "round trip of a heartbeat, two CPUs, ns", "1.04",
+            {"loop", "5", "1003", "512"}, 1, [&](const Subject&, const Queues& queues) {
+              runOnCpu(cpu);
+              schedule(SCHED_BATCH);  // the bounce wakes this process, but the reply is sent before it runs
+              std::vector<double> trips;
+              for (int i = 0; i < 50; ++i) trips.push_back(roundTrip(queues, heartbeat));
+              schedule(SCHED_OTHER);
+              return median(trips);
+            });
+    runOnCpu(1);
+  }
+  compareStart();
+
+  std::printf("\n%-44s %8s %8s\n", "a Packet, outside the kernel", "instr.", "allocs");
+  count("forward, 32 bytes", "0x01 32");
+  count("forward, 512 bytes", "0x01 512");
+  count("heartbeat", "0x04 5");
+  count("bad opcode", "0xFF 5");
+
+  const Queues queues;
+  const Subject hub(command(hubkeeper, {}));
+  hub.cpuWhenIdle(queues);
+  for (int i = 0; i < 1000; ++i) queues.send(times(heartbeat, 8));
+  hub.cpuWhenIdle(queues);
+  const long resident = hub.memory("Rss");
+  const long anonymous = hub.memory("Anonymous");
+  std::printf("\nresident %ld kB, of it private anonymous %ld kB (goal 300)\n", resident, anonymous);
+  const std::string stripped = "/tmp/hubkeeper.stripped";
+  outputOf("strip -o " + stripped + " " + hubkeeper);
+  std::printf("stripped executable %ju bytes (goal 65536)\n", std::filesystem::file_size(stripped));
+  return 0;
+}
