@@ -1,0 +1,121 @@
+#include "console.h"
+
+#include <sys/ioctl.h>
+
+#include <cstdlib>
+#include <iterator>
+
+volatile std::sig_atomic_t interrupted = 0;
+
+void catchSignals() {
+  struct sigaction action = {};
+  action.sa_handler = [](int signal) {
+    if (signal != SIGALRM) interrupted = 1;
+  };
+  sigaction(SIGINT, &action, nullptr);
+  sigaction(SIGTERM, &action, nullptr);
+  // msgsnd and msgrcv are never restarted, whatever this flag says; file input and output are.
+  action.sa_flags = SA_RESTART;
+  sigaction(SIGALRM, &action, nullptr);
+}
+
+void complain(std::string_view text) {
+  std::string indented;
+  for (const char c : text) indented += c == '\n' ? std::string("\n        ") : std::string(1, c);
+  std::fflush(stdout);
+  fmt::print(stderr, "{} {}\n", inked(Ink::red, "hubctl:", STDERR_FILENO), indented);
+}
+
+std::string inked(Ink ink, std::string_view text, int stream) {
+  const auto wantsColour = [](int descriptor) {
+    const char* none = std::getenv("NO_COLOR");
+    const char* terminal = std::getenv("TERM");
+    return isatty(descriptor) == 1 && (none == nullptr || *none == '\0') && terminal != nullptr &&
+           std::string_view(terminal) != "dumb";
+  };
+  static const bool colourful[] = {false, wantsColour(STDOUT_FILENO), wantsColour(STDERR_FILENO)};
+  if (!colourful[stream]) return std::string(text);
+  return fmt::format("\033[{}m{}\033[0m", static_cast<int>(ink), text);
+}
+
+int terminalWidth(int stream) {
+  winsize size = {};
+  if (isatty(stream) != 1) return 0;
+  return ioctl(stream, TIOCGWINSZ, &size) == 0 && size.ws_col > 0 ? size.ws_col : 80;
+}
+
+std::string humanSize(std::uint64_t bytes) {
+  static constexpr const char* units[] = {"B", "KiB", "MiB", "GiB"};
+  auto size = static_cast<double>(bytes);
+  std::size_t unit = 0;
+  while (size >= 1024 && unit + 1 < std::size(units)) size /= 1024, ++unit;
+  const bool whole = unit == 0 || bytes % (std::uint64_t{1} << (10 * unit)) == 0;
+  return fmt::format("{:.{}f} {}", size, whole ? 0 : 1, units[unit]);
+}
+
+std::string humanSpan(double seconds) {
+  const auto whole = static_cast<std::uint64_t>(seconds < 0 ? 0 : seconds);
+  if (whole < 60) return fmt::format("{} s", whole);
+  if (whole < 3600) return fmt::format("{}:{:02}", whole / 60, whole % 60);
+  if (whole < 48 * 3600) return fmt::format("{}:{:02}:{:02}", whole / 3600, whole / 60 % 60, whole % 60);
+  return fmt::format("{} days", whole / 86400);
+}
+
+std::string count(std::uint64_t number, std::string_view noun) {
+  return fmt::format("{} {}{}", number, noun, number == 1 ? "" : "s");
+}
+
+double secondsSince(Clock::time_point start) {
+  return std::chrono::duration<double>(Clock::now() - start).count();
+}
+
+Clock::time_point after(double seconds) {
+  return Clock::now() + std::chrono::duration_cast<Clock::duration>(std::chrono::duration<double>(seconds));
+}
+
+void nap(double seconds) {
+  if (seconds <= 0 || interrupted != 0) return;
+  const auto whole = static_cast<time_t>(seconds);
+  const timespec span = {whole, static_cast<long>((seconds - static_cast<double>(whole)) * 1e9)};
+  nanosleep(&span, nullptr);
+}
+
+void showPassing(std::string_view text) {
+  if (terminalWidth(STDERR_FILENO) == 0) return;
+  fmt::print(stderr, "\r\033[K{}\r", inked(Ink::dim, text, STDERR_FILENO));
+  std::fflush(stderr);
+}
+
+Progress::Progress(std::uint64_t totalBytes) : total(totalBytes), visible(terminalWidth(STDERR_FILENO) > 0) {}
+
+Progress::~Progress() {
+  if (!visible || total == 0) return;
+  draw();
+  fmt::print(stderr, "\n");
+}
+
+void Progress::show(std::uint64_t doneBytes) {
+  done = doneBytes;
+  if (!visible || total == 0 || Clock::now() - drawn < std::chrono::milliseconds(50)) return;
+  drawn = Clock::now();
+  draw();
+}
+
+void Progress::draw() {
+  const double share = std::min(1.0, static_cast<double>(done) / static_cast<double>(total));
+  const double rate = static_cast<double>(done) / (secondsSince(start) + 1e-6);
+  std::string figures = fmt::format("{:>4.0f} %  {} of {}", share * 100, humanSize(done), humanSize(total));
+  if (done > 0) figures += fmt::format("  {}/s", humanSize(static_cast<std::uint64_t>(rate)));
+  if (done > 0 && done < total)
+    figures += fmt::format("  {} left", humanSpan(static_cast<double>(total - done) / rate + 0.5));
+  const int room = terminalWidth(STDERR_FILENO) - static_cast<int>(figures.size()) - 3;
+  std::string bar;
+  if (room >= 8) {
+    const int cells = std::min(room, 30);
+    const int full = static_cast<int>(share * cells);
+    bar = fmt::format("[{}{:.<{}}]", inked(Ink::green, std::string(static_cast<std::size_t>(full), '#'), STDERR_FILENO),
+                      "", cells - full);
+  }
+  fmt::print(stderr, "\r\033[K{}{}", bar, figures);
+  std::fflush(stderr);
+}

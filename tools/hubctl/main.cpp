@@ -1,0 +1,90 @@
+// hubctl: a console that plays Ridgelink. This file holds the table of subcommands, from which the help is printed, and
+// turns what goes wrong into a sentence on stderr and an exit status: 0 done, 1 failed, 2 wrong usage.
+#include <CLI/CLI.hpp>
+#include <memory>
+
+#include "commands.h"
+#include "console.h"
+
+namespace {
+
+struct Subcommand {
+  const char* name;
+  const char* summary;
+  Action (*add)(CLI::App&);
+};
+
+constexpr Subcommand subcommands[] = {
+    {"ping", "Send heartbeats and time the replies", addPing},
+    {"run", "Run a shell command on the board", addRun},
+    {"version", "Ask for the board's software version", addVersion},
+    {"clocksteward", "Let Clocksteward run, or stop it and keep it stopped", addClocksteward},
+    {"send", "Transfer a file to the board and verify it", addSend},
+    {"queues", "Show the six queues; only looks", addQueues},
+    {"peek", "Show what waits in a queue, without taking it", addPeek},
+    {"peers", "Play the local processes: drain and print their queues", addPeers},
+    {"raw", "Send any bytes as one Bundle and print what comes back", addRaw},
+    {"check-config", "Tell what a service configuration would watch", addCheckConfig},
+};
+
+constexpr const char* footer = "hubctl SUBCOMMAND --help tells more.\nExit status: 0 done, 1 failed, 2 wrong usage.";
+
+int runChosen(int argc, char** argv) {
+  CLI::App app("hubctl plays Ridgelink: it talks to HubKeeper through its message queues.", "hubctl");
+  app.set_version_flag("--version", std::string("hubctl " HUBCTL_VERSION), "Print the version");
+  app.set_help_flag("-h,--help", "Print this help");
+  app.require_subcommand(1);
+  app.get_formatter()->column_width(26);
+  app.get_formatter()->label("REQUIRED", "");
+  app.get_formatter()->label("Positionals", "Arguments");
+
+  std::vector<std::pair<CLI::App*, Action>> actions;
+  for (const Subcommand& row : subcommands) {
+    CLI::App* sub = app.add_subcommand(row.name, row.summary);
+    actions.emplace_back(sub, row.add(*sub));
+  }
+  // A subcommand copies what it finds in place when it is added, so these come last.
+  app.formatter(std::make_shared<CLI::Formatter>());
+  app.get_formatter()->column_width(16);
+  app.footer(footer);
+
+  const auto chosen = [&] {
+    for (const auto& action : actions) {
+      if (action.first->parsed()) return &action;
+    }
+    return static_cast<const std::pair<CLI::App*, Action>*>(nullptr);
+  };
+  const auto wrongUsage = [&](const std::string& text) {
+    const std::string name = chosen() == nullptr ? "" : chosen()->first->get_name() + " ";
+    complain(fmt::format("{}\ntry: hubctl {}--help", text, name));
+    return 2;
+  };
+
+  try {
+    app.parse(argc, argv);
+    return chosen()->second();
+  } catch (const CLI::Success& request) {
+    return app.exit(request);  // --help and --version
+  } catch (const CLI::ParseError& error) {
+    if (argc > 1 && chosen() == nullptr && argv[1][0] != '-')
+      return wrongUsage(fmt::format("there is no subcommand \"{}\"", argv[1]));
+    if (argc > 1) return wrongUsage(error.what());
+    fmt::print(stderr, "{}", app.help());
+    return 2;
+  } catch (const WrongUsage& error) {
+    return wrongUsage(error.what());
+  } catch (const std::exception& error) {
+    complain(error.what());
+    return 1;
+  }
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  catchSignals();
+  const int status = runChosen(argc, argv);
+  if (std::fflush(stdout) == 0) return status;
+  complain("cannot write to standard output");
+  return 1;
+}

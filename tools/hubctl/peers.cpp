@@ -1,0 +1,96 @@
+// Plays the local processes on the bench: drains their queues and prints each Packet. A System V queue cannot be waited
+// for together with others, so the queues are polled.
+#include <sys/msg.h>
+
+#include <cerrno>
+#include <cstring>
+#include <memory>
+#include <nlohmann/json.hpp>
+
+#include "arguments.h"
+#include "commands.h"
+#include "console.h"
+#include "hub/packet.h"
+#include "packets.h"
+#include "queues.h"
+
+namespace {
+
+struct Options {
+  std::vector<std::string> names;
+  unsigned most = 0;
+  bool force = false;
+  bool json = false;
+};
+
+std::vector<const Queue*> choose(const std::vector<std::string>& names) {
+  std::vector<const Queue*> chosen;
+  for (const std::string& name : names) {
+    const Queue& queue = findQueue(name);
+    if (&queue == &inbound || &queue == &outbound) {
+      throw WrongUsage(fmt::format("queue \"{}\" belongs to no local process; hubctl peek looks into it", queue.name));
+    }
+    chosen.push_back(&queue);
+  }
+  for (const Queue& queue : queueTable) {
+    if (names.empty() && &queue != &inbound && &queue != &outbound) chosen.push_back(&queue);
+  }
+  return chosen;
+}
+
+// Takes the next message, if there is one. A queue that is missing or was removed is created, as any peer does.
+std::optional<Bytes> takeNext(const Queue& queue) {
+  struct {
+    long type;
+    std::uint8_t text[bundleTextSize];
+  } frame;
+  const int id = msgget(queue.key, IPC_CREAT | queueMode);
+  const ssize_t size = id == -1 ? -1 : msgrcv(id, &frame, sizeof frame.text, 0, IPC_NOWAIT | MSG_NOERROR);
+  if (size >= 0) return Bytes(frame.text, frame.text + size);
+  const int error = errno;
+  if (error == ENOMSG || error == EINTR || error == EIDRM || error == EINVAL) return std::nullopt;
+  throw Failure(fmt::format("cannot receive from queue {} ({}): {}", queue.key, queue.name, std::strerror(error)));
+}
+
+int play(const Options& options) {
+  const std::vector<const Queue*> queues = choose(options.names);
+  for (const Queue* queue : queues) refuseBesideReader(*queue, options.force);
+  const int width = terminalWidth();
+  if (!options.json) {
+    fmt::print("{}\n", inked(Ink::bold, fmt::format("{:<12}  {:<12}  {}", "TIME", "QUEUE", columnTitles())));
+  }
+  unsigned taken = 0;
+  const auto wanted = [&] { return interrupted == 0 && (options.most == 0 || taken < options.most); };
+  while (wanted()) {
+    const unsigned before = taken;
+    for (const Queue* queue : queues) {
+      const auto message = wanted() ? takeNext(*queue) : std::nullopt;
+      if (!message) continue;
+      ++taken;
+      const Piece piece = split(*queue, *message).front();
+      if (options.json) {
+        nlohmann::json json = pieceJson(piece);
+        json.update({{"time", timeOfDay()}, {"queue", queue->name}});
+        fmt::print("{}\n", dumpJson(json));
+      } else {
+        fmt::print("{}  {:<12}  {}\n", inked(Ink::dim, timeOfDay()), queue->name,
+                   pieceLine(piece, width == 0 ? 0 : width - 28));
+      }
+    }
+    std::fflush(stdout);
+    if (taken == before) nap(0.01);
+  }
+  return 0;
+}
+
+}  // namespace
+
+Action addPeers(CLI::App& app) {
+  const auto options = std::make_shared<Options>();
+  addArgument(app, "NAME", options->names, "Whose queue, as in \"hubctl queues\" (default all four)");
+  addNumber(app, "-n,--number", options->most, "N", 1, "Stop after N messages; otherwise at Ctrl-C");
+  app.add_flag("--force", options->force, "Go ahead beside the real process");
+  app.add_flag("--json", options->json, "Print each message as one JSON object");
+  app.footer("For the bench: what is printed has been taken, and reaches no other process.");
+  return [options] { return play(*options); };
+}

@@ -1,0 +1,58 @@
+// Any bytes as one Bundle, and whatever comes back for a while.
+#include <memory>
+#include <nlohmann/json.hpp>
+
+#include "arguments.h"
+#include "commands.h"
+#include "queues.h"
+#include "session.h"
+
+namespace {
+
+struct Options : SessionOptions {
+  std::vector<std::string> hex;
+};
+
+int sendRaw(const Options& options) {
+  Bytes bundle;
+  for (const std::string& word : options.hex) {
+    const Bytes bytes = parseHex(word);
+    bundle.insert(bundle.end(), bytes.begin(), bytes.end());
+  }
+  Session session(options);
+  const int width = terminalWidth();
+  const Clock::time_point start = Clock::now();
+  const Clock::time_point end = after(options.wait);
+  session.put(bundle, end);
+  bool answered = false;
+  while (const auto message = session.take(end)) {
+    if (!answered && !options.json)
+      fmt::print("{}\n", inked(Ink::bold, fmt::format("{:>10}  {}", "MS", columnTitles())));
+    answered = true;
+    const double time = secondsSince(start) * 1000;
+    const Piece piece = split(outbound, *message).front();
+    if (options.json) {
+      nlohmann::json json = pieceJson(piece);
+      json["milliseconds"] = time;
+      fmt::print("{}\n", dumpJson(json));
+    } else {
+      fmt::print("{:>10.3f}  {}\n", time, pieceLine(piece, width == 0 ? 0 : width - 12));
+    }
+    std::fflush(stdout);
+  }
+  if (!answered) throw Failure(session.explainSilence(options.wait));
+  return 0;
+}
+
+}  // namespace
+
+Action addRaw(CLI::App& app) {
+  const auto options = std::make_shared<Options>();
+  options->wait = 2;
+  addArgument(app, "HEX", options->hex, "The bytes: 05 00 07 00 04, or 0500070004")->required();
+  addSessionOptions(app, *options, "Listen for this long (default 2)");
+  app.footer(
+      "A Packet is its length and a tag, low byte first, then opcode and payload;\n"
+      "05 00 07 00 04 is a heartbeat with tag 7. Nothing checks the bytes.");
+  return [options] { return sendRaw(*options); };
+}
