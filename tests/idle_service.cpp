@@ -1,4 +1,2 @@
 #include <unistd.h>
-int main() {
-  pause();
-}
+int main() { pause(); }

@@ -23,9 +23,7 @@ struct Message {
 }  // namespace
 
 extern "C" int __real_msgget(key_t key, int flags);  // works also while the service's calls are made to fail
-static int queueId(int key) {
-  return __real_msgget(key, IPC_CREAT | 0644);
-}
+static int queueId(int key) { return __real_msgget(key, IPC_CREAT | 0644); }
 
 Bytes packet(int opcode, const Bytes& payload, int tag, int length) {
   if (length < 0) length = static_cast<int>(payload.size()) + 5;
@@ -33,9 +31,7 @@ Bytes packet(int opcode, const Bytes& payload, int tag, int length) {
   return Bytes(std::begin(header), std::end(header)) + payload;
 }
 
-Bytes bounce(int opcode) {
-  return Bytes(1, static_cast<char>(opcode));
-}
+Bytes bounce(int opcode) { return Bytes(1, static_cast<char>(opcode)); }
 
 void sendBundle(const Bytes& text, int key) {
   Message message{1, {}};
@@ -84,9 +80,7 @@ std::string readFile(const std::string& path) {
   return text.str();
 }
 
-void writeFile(const std::string& path, const std::string& content) {
-  std::ofstream(path) << content;
-}
+void writeFile(const std::string& path, const std::string& content) { std::ofstream(path) << content; }
 
 Lines splitLines(const std::string& text) {
   Lines lines;
@@ -140,7 +134,7 @@ Service::Service(const std::string& program, const Lines& environment) {
   if (id != 0) return;
   dup2(open((base + ".out").c_str(), O_CREAT | O_WRONLY | O_APPEND, 0644), 1);
   dup2(open((base + ".err").c_str(), O_CREAT | O_WRONLY | O_APPEND, 0644), 2);
-  for (int fd = 3; fd < 100; ++fd) close(fd);
+  closefrom(3);
   for (const std::string& setting : environment) putenv(const_cast<char*>(setting.c_str()));
   execl(program.c_str(), program.c_str(), nullptr);
   _exit(127);

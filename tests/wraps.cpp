@@ -50,9 +50,7 @@ void planFault(const std::string& call, int skip, int error, int count) {
   const std::lock_guard lock(faultsMutex);
   faults[call] = {skip, error, count};
 }
-void clearFaults() {
-  faults.clear();
-}
+void clearFaults() { faults.clear(); }
 
 // WRAP makes a stand-in for a call that tells of a failure by `failed` and errno; STATUS for one that returns its
 // error.

@@ -18,15 +18,11 @@ std::uint8_t transferActive = 0;    // 1 from an accepted start to the next end
 std::FILE* transferFile = nullptr;  // null: no open stream
 std::string transferFileName;       // from the latest accepted start
 
-bool transferFileIsOpen() {
-  return transferFile != nullptr && fcntl(fileno(transferFile), F_GETFD) != -1;
-}
+bool transferFileIsOpen() { return transferFile != nullptr && fcntl(fileno(transferFile), F_GETFD) != -1; }
 
 }  // namespace
 
-void openTransferPlaceholder() {
-  transferFile = openFile("bad_file", "ab+");
-}
+void openTransferPlaceholder() { transferFile = openFile("bad_file", "ab+"); }
 
 void handleTransferStart(const std::uint8_t* packet, std::uint16_t length) {
   if (transferActive == 1) {

@@ -5,7 +5,7 @@
 #include <cstdint>
 
 /// The state that this processor may not set for itself.
-constexpr std::uint16_t kWirepathArmState_RESET = 0;
+enum : std::uint16_t { kWirepathArmState_RESET = 0 };
 
 /// Sends `state` as a message of two bytes, low byte first, which is no Packet. Returns 1 when it went out, and 0 when
 /// the state is kWirepathArmState_RESET or the send failed.

@@ -14,9 +14,7 @@ namespace {
 constexpr const char* responsePath = "/tmp/cmdresp.txt";
 constexpr std::size_t longestCommand = 999;  // with the redirection and its NUL, 1024 bytes
 
-const char* commandText(const std::uint8_t* packet) {
-  return reinterpret_cast<const char*>(packet + packetHeaderSize);
-}
+const char* commandText(const std::uint8_t* packet) { return reinterpret_cast<const char*>(packet + packetHeaderSize); }
 
 }  // namespace
 

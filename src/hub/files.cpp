@@ -2,8 +2,9 @@
 
 #include <fcntl.h>
 
-std::FILE* openFile(const char* path, const char* mode) {
-  std::FILE* file = fopen64(path, mode);
+std::FILE* keepFromShells(std::FILE* file) {
   if (file != nullptr) fcntl(fileno(file), F_SETFD, FD_CLOEXEC);
   return file;
 }
+
+std::FILE* openFile(const char* path, const char* mode) { return keepFromShells(fopen64(path, mode)); }

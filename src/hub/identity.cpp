@@ -20,7 +20,7 @@ std::int32_t stampVersion(const std::string& version) {
 }
 
 std::int32_t logCommandOutput(const std::string& command) {
-  std::FILE* output = popen(command.c_str(), "r");
+  std::FILE* output = keepFromShells(popen(command.c_str(), "r"));
   if (output == nullptr) {
     messagesChannel.error() << "HubKeeper: Failed to run command " << command;
     return -1;
@@ -31,10 +31,6 @@ std::int32_t logCommandOutput(const std::string& command) {
   return pclose(output);
 }
 
-void logSystemName() {
-  logCommandOutput("uname -a");
-}
+void logSystemName() { logCommandOutput("uname -a"); }
 
-void logFirmwareVersion() {
-  logCommandOutput("fw_printenv -n ver");
-}
+void logFirmwareVersion() { logCommandOutput("fw_printenv -n ver"); }

@@ -54,9 +54,8 @@ constexpr bool fitsBundle(std::uint16_t length, std::uint16_t remaining) {
 }
 
 /// Builds a Packet in `buffer`, which holds at least 512 bytes; what lies behind a short Packet is zero. The caller
-/// sets
-/// `*lengthWord` to 512 right before each call and reads the Packet's length from it afterwards. `payload` may be null
-/// when `payloadLength` is 0. Returns 1, or 0 without touching anything when the buffer is null, the payload has 508
-/// bytes or more, or the length word is not 512.
+/// sets `*lengthWord` to 512 right before each call and reads the Packet's length from it afterwards. `payload` may be
+/// null when `payloadLength` is 0. Returns 1, or 0 without touching anything when the buffer is null, the payload's
+/// length is not from 0 to 507, or the length word is not 512.
 int buildPacket(std::uint8_t* buffer, std::uint16_t* lengthWord, std::uint16_t tag, std::uint8_t opcode,
                 const std::uint8_t* payload, int payloadLength);

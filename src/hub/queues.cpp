@@ -62,9 +62,7 @@ constexpr const Queue& chronicler = queues[3];
 constexpr const Queue& stagehand = queues[4];
 constexpr const Queue& ridgelink = queues[5];
 
-int openQueue(const Queue& queue) {
-  return *queue.handle = msgget(queue.key, openFlags);
-}
+int openQueue(const Queue& queue) { return *queue.handle = msgget(queue.key, openFlags); }
 
 }  // namespace
 
@@ -84,8 +82,8 @@ struct SendKind {
   bool causeAlways = false;            // at every failure; otherwise only when the queue cannot be opened anew
 };
 
-// "occurance" and "Communcation" are misspelt, and two lines begin with a blank: peers and operators search for them
-// so.
+// "occurance" and "Communcation" are misspelt, and two lines begin with a blank: peers and operators search for
+// them so.
 const SendKind bounceSend{
     .queue = ridgelink,
     .frame = &replyFrame,
@@ -261,6 +259,4 @@ void logQueueIds() {
   }
 }
 
-int reopenInboundQueue() {
-  return openQueue(inbound);
-}
+int reopenInboundQueue() { return openQueue(inbound); }

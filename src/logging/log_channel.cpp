@@ -69,9 +69,7 @@ LogChannel::LogChannel(const std::string& channelName)
       alertStream(name, Priority::ALERT),
       fatalStream(name, Priority::FATAL) {}
 
-LogChannel::LogChannel(const LogChannel& other) : LogChannel(other.name) {
-  pattern = other.pattern;
-}
+LogChannel::LogChannel(const LogChannel& other) : LogChannel(other.name) { pattern = other.pattern; }
 
 LogStream LogChannel::debug() const { return debugStream; }
 LogStream LogChannel::info() const { return infoStream; }
@@ -82,28 +80,18 @@ LogStream LogChannel::fatal() const { return fatalStream; }
 
 LogStream LogChannel::stream(const int& priority) const {
   switch (priority) {
-    case Priority::FATAL:
-      return fatalStream;
-    case Priority::ALERT:
-      return alertStream;
-    case Priority::ERROR:
-      return errorStream;
-    case Priority::WARN:
-      return warnStream;
-    case Priority::INFO:
-      return infoStream;
-    default:
-      return debugStream;
+    case Priority::FATAL: return fatalStream;
+    case Priority::ALERT: return alertStream;
+    case Priority::ERROR: return errorStream;
+    case Priority::WARN: return warnStream;
+    case Priority::INFO: return infoStream;
+    default: return debugStream;
   }
 }
 
-int LogChannel::getPriority() const {
-  return Category::getInstance(name).getPriority();
-}
+int LogChannel::getPriority() const { return Category::getInstance(name).getPriority(); }
 
-void LogChannel::setPriority(const int& priority) {
-  Category::getInstance(name).setPriority(priority);
-}
+void LogChannel::setPriority(const int& priority) { Category::getInstance(name).setPriority(priority); }
 
 void LogChannel::setConsole(const bool& on) {
   console = on;

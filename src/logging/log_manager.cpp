@@ -57,14 +57,8 @@ bool LogManager::first() {
   return cursor != channels.end();
 }
 
-bool LogManager::next() {
-  return ++cursor != channels.end();
-}
+bool LogManager::next() { return ++cursor != channels.end(); }
 
-std::string LogManager::priorityName(const int& priority) {
-  return log4cpp::Priority::getPriorityName(priority);
-}
+std::string LogManager::priorityName(const int& priority) { return log4cpp::Priority::getPriorityName(priority); }
 
-int LogManager::priorityValue(const std::string& name) {
-  return log4cpp::Priority::getPriorityValue(name);
-}
+int LogManager::priorityValue(const std::string& name) { return log4cpp::Priority::getPriorityValue(name); }

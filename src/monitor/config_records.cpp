@@ -1,6 +1,6 @@
 #include "monitor/config_records.h"
 
-ConfigRecords::ConfigRecords(const char* path) : file(fopen64(path, "r")) {}
+ConfigRecords::ConfigRecords(const char* path) : file(fopen64(path, "re")) {}
 
 ConfigRecords::~ConfigRecords() {
   if (file != nullptr) std::fclose(file);
