@@ -38,6 +38,7 @@ int main(int count, char** words) {
   for (int i = 0; i < 8; ++i) bundle += one;
 
   const Queues queues;
+  LogManager::getInstance()->setPattern("%p %d{%d %b %Y %X} %m %n");
   LogManager::getInstance()->setPath("/media/data");
   LogManager::getInstance()->setFile(true);
   messagesChannel = LogManager::getInstance()->getChannel("messages");
