@@ -3,14 +3,16 @@
 
     tests/faults/faults.py HUBKEEPER [FAULT …]     those that are named, or all but the long ones
 """
-import ctypes, glob, os, signal, struct, subprocess, sys, time
+import ctypes, glob, os, struct, subprocess, sys, time
 from resource import RLIMIT_AS, RLIMIT_NOFILE, getpagesize, prlimit
+from signal import SIGCONT, SIGSTOP
 
 libc = ctypes.CDLL(None)
 IN, NETSTEWARD, CLOCKSTEWARD, CHRONICLER, STAGEHAND, RIDGELINK = KEYS = 1002, 1000, 1011, 1010, 1006, 1003
 OPCODES = {NETSTEWARD: 1, CLOCKSTEWARD: 0x20, CHRONICLER: 0x30, STAGEHAND: 0x72, RIDGELINK: 4}
 PEERS = NETSTEWARD, CLOCKSTEWARD, CHRONICLER
 NOWAIT = 0o4000
+ATTACH, DETACH = 16, 17  # requests of ptrace(2)
 
 
 def packet(opcode, payload=b"", tag=7):
@@ -126,11 +128,6 @@ def queue_full(key, packets, pause):
     until(lambda: logged("estored") + logged("recovered") == 1)
 
 
-def no_queues_at_start():
-    shell("echo 3 > /proc/sys/kernel/msgmni")
-    assert Hub().wait(60) == 1 and logged("HubKeeper failed to open Chronicler inbound queue") == 1
-
-
 def no_queue_left(key, line):
     hub = Hub().serves()
     shell("echo 5 > /proc/sys/kernel/msgmni")
@@ -173,8 +170,8 @@ def output_unread():
 
 
 def tmp_full():
-    shell("mount -t tmpfs -o size=8k none /tmp; ! head -c 1M /dev/zero > /tmp/filler")
     hub = Hub().serves()
+    shell("mount -t tmpfs -o size=8k none /tmp; ! head -c 1M /dev/zero > /tmp/filler")
     assert hub.answer(0x63, 0x90, b"echo ok\0") == b""
     os.remove("/tmp/filler")
     assert hub.answer(0x63, 0x90, b"echo ok\0") == b"ok\n"
@@ -204,22 +201,18 @@ def no_memory():
     hub.serves()
 
 
-def stopped_and_continued():
+def traced(request, hub):
+    for thread in map(int, os.listdir(f"/proc/{hub.pid}/task")):
+        assert libc.ptrace(request, thread, 0, 0) == 0
+        request == ATTACH and os.waitpid(thread, 0x40000000)
+
+
+def interrupted(stop, resume):
     hub = Hub().serves()
     for _ in range(50):
-        hub.send_signal(signal.SIGSTOP)
+        stop(hub)
         send(packet(4) * 4)
-        hub.send_signal(signal.SIGCONT)
-        hub.serves()
-
-
-def debugger_attached():
-    hub = Hub().serves()
-    for task in glob.glob(f"/proc/{hub.pid}/task/*") * 20:
-        thread = int(os.path.basename(task))
-        assert libc.ptrace(16, thread, 0, 0) == 0
-        os.waitpid(thread, 0x40000000)
-        assert libc.ptrace(17, thread, 0, 0) == 0
+        resume(hub)
         hub.serves()
 
 
@@ -258,7 +251,6 @@ FAULTS = {
     "all queues removed in use": (removed_in_use,),
     **{f"queue {key} full": (queue_full, key, 40, 0) for key in (*PEERS, RIDGELINK)},
     **{f"long: queue {key} full for two minutes": (queue_full, key, 1200, 0.1) for key in (*PEERS, RIDGELINK)},
-    "msgmni reached at start": (no_queues_at_start,),
     "msgmni reached, 1003 gone": (no_queue_left, RIDGELINK, "In From Ridgelink queue setup failed"),
     "msgmni reached, 1002 gone": (no_queue_left, IN, "Failed recreating the que"),
     "log directory missing": (log_directory, "rmdir /media/data"),
@@ -272,8 +264,8 @@ FAULTS = {
     "long: command that prints 1 GiB": (large_output, 1024),
     "descriptor limit": (no_descriptors,),
     "memory limit": (no_memory,),
-    "SIGSTOP and SIGCONT": (stopped_and_continued,),
-    "debugger attached": (debugger_attached,),
+    "SIGSTOP and SIGCONT": (interrupted, *(lambda hub, s=s: hub.send_signal(s) for s in (SIGSTOP, SIGCONT))),
+    "debugger attached and detached": (interrupted, *(lambda hub, r=r: traced(r, hub) for r in (ATTACH, DETACH))),
     "kill -9 before a transfer": (killed,),
     "kill -9 after the start": (killed, START),
     "kill -9 after chunks": (killed, START, CHUNK, CHUNK, CHUNK),
@@ -284,12 +276,16 @@ FAULTS = {
 
 if sys.argv[1] == "--inside":
     check, *words = FAULTS[sys.argv[2]]
+    os.chdir("/run")  # for the placeholder of transfers
     print("holds", check(*words) or "")
     sys.exit()
 sandbox = os.path.join(os.path.dirname(__file__), "../../scripts/sandbox")
 os.environ["HUBKEEPER"] = os.path.abspath(sys.argv[1])
 failed = []
 for name in sys.argv[2:] or [name for name in FAULTS if not name.startswith("long: ")]:
+    if os.geteuid() != 0 and name in ("log directory read-only", "log disk full", "/tmp full"):
+        print(f"{name:40} left out: only root can mount a file system in the sandbox")
+        continue
     run = subprocess.run([sandbox, "python3", os.path.abspath(__file__), "--inside", name], capture_output=True, text=True)
     failed += [name] * (run.returncode != 0)
     print(f"{name:40} {run.stdout.strip() or run.stderr.strip()}", flush=True)
