@@ -4,6 +4,7 @@
 
 #include <cstdlib>
 #include <iterator>
+#include <sstream>
 
 volatile std::sig_atomic_t interrupted = 0;
 
@@ -20,10 +21,23 @@ void catchSignals() {
 }
 
 void complain(std::string_view text) {
-  std::string indented;
-  for (const char c : text) indented += c == '\n' ? std::string("\n        ") : std::string(1, c);
+  static constexpr std::size_t indent = 7;  // behind "hubctl:"
+  const auto width = static_cast<std::size_t>(terminalWidth(STDERR_FILENO));
+  std::istringstream lines{std::string(text)};
+  std::string wrapped;
+  for (std::string line, word; std::getline(lines, line);) {
+    if (!wrapped.empty()) wrapped += '\n' + std::string(indent, ' ');
+    std::size_t column = indent;
+    for (std::istringstream words(line); words >> word; column += 1 + word.size()) {
+      if (width > 0 && column + 1 + word.size() > width) {
+        wrapped += '\n' + std::string(indent, ' ');
+        column = indent;
+      }
+      wrapped += ' ' + word;
+    }
+  }
   std::fflush(stdout);
-  fmt::print(stderr, "{} {}\n", inked(Ink::red, "hubctl:", STDERR_FILENO), indented);
+  fmt::print(stderr, "{}{}\n", inked(Ink::red, "hubctl:", STDERR_FILENO), wrapped);
 }
 
 std::string inked(Ink ink, std::string_view text, int stream) {
@@ -65,9 +79,7 @@ std::string count(std::uint64_t number, std::string_view noun) {
   return fmt::format("{} {}{}", number, noun, number == 1 ? "" : "s");
 }
 
-double secondsSince(Clock::time_point start) {
-  return std::chrono::duration<double>(Clock::now() - start).count();
-}
+double secondsSince(Clock::time_point start) { return std::chrono::duration<double>(Clock::now() - start).count(); }
 
 Clock::time_point after(double seconds) {
   return Clock::now() + std::chrono::duration_cast<Clock::duration>(std::chrono::duration<double>(seconds));

@@ -31,7 +31,7 @@ extern volatile std::sig_atomic_t interrupted;
 /// Makes SIGINT and SIGTERM set `interrupted`, and a SIGALRM do nothing but end a blocking queue call.
 void catchSignals();
 
-/// "hubctl: " and the text on stderr; further lines of the text are indented below.
+/// "hubctl: " and the text on stderr, wrapped at the terminal's width and indented.
 void complain(std::string_view text);
 
 enum class Ink { bold = 1, dim = 2, red = 31, green = 32, yellow = 33, cyan = 36 };

@@ -29,11 +29,21 @@ constexpr Subcommand subcommands[] = {
 
 constexpr const char* footer = "hubctl SUBCOMMAND --help tells more.\nExit status: 0 done, 1 failed, 2 wrong usage.";
 
+// Names the words that a prefix command takes, which CLI11 leaves out.
+struct HelpFormatter : CLI::Formatter {
+  std::string make_usage(const CLI::App* app, std::string name) const override {
+    std::string usage = CLI::Formatter::make_usage(app, name);
+    if (app->get_prefix_command()) usage.insert(usage.find_last_not_of('\n') + 1, " COMMAND...");
+    return usage;
+  }
+};
+
 int runChosen(int argc, char** argv) {
   CLI::App app("hubctl plays Ridgelink: it talks to HubKeeper through its message queues.", "hubctl");
   app.set_version_flag("--version", std::string("hubctl " HUBCTL_VERSION), "Print the version");
   app.set_help_flag("-h,--help", "Print this help");
   app.require_subcommand(1);
+  app.formatter(std::make_shared<HelpFormatter>());
   app.get_formatter()->column_width(26);
   app.get_formatter()->label("REQUIRED", "");
   app.get_formatter()->label("Positionals", "Arguments");

@@ -126,9 +126,7 @@ Bytes parseHex(std::string_view text) {
   return bytes;
 }
 
-std::string columnTitles() {
-  return fmt::format("{:>6}  {:>5}  {:<21}  {}", "LENGTH", "TAG", "OPCODE", "PAYLOAD");
-}
+std::string columnTitles() { return fmt::format("{:>6}  {:>5}  {:<21}  {}", "LENGTH", "TAG", "OPCODE", "PAYLOAD"); }
 
 std::string pieceLine(const Piece& piece, int width) {
   const std::string opcode = fmt::format("{:02x} {}", piece.opcode, opcodeName(piece.opcode));
@@ -138,14 +136,10 @@ std::string pieceLine(const Piece& piece, int width) {
     return fmt::format("{:>6}  {:>5}  {}{}{}", piece.length, tag, inked(ink, padded), rest.empty() ? "" : "  ", rest);
   };
   switch (piece.kind) {
-    case Kind::bounce:
-      return line("", Ink::dim, opcode, "bounce");
-    case Kind::state:
-      return line("", Ink::yellow, "board state", payload);
-    case Kind::bad:
-      return line("", Ink::red, "no Packet", payload);
-    default:
-      return line(std::to_string(piece.tag), Ink::cyan, opcode, payload);
+    case Kind::bounce: return line("", Ink::dim, opcode, "bounce");
+    case Kind::state: return line("", Ink::yellow, "board state", payload);
+    case Kind::bad: return line("", Ink::red, "no Packet", payload);
+    default: return line(std::to_string(piece.tag), Ink::cyan, opcode, payload);
   }
 }
 

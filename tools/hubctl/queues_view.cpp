@@ -62,11 +62,13 @@ void printTable(bool bars) {
                        bars ? fmt::format("{:<{}}  ", bar, barCells + 2) : "", sender, receiver, idle);
   };
   std::string notes;
+  std::size_t missing = 0;
   fmt::print("{}\n",
              inked(Ink::bold, row("QUEUE", "KEY", "MSGS", "BYTES", "", "LAST SENDER", "LAST RECEIVER", "IDLE")));
   for (const Queue& queue : queueTable) {
     const auto state = lookAt(queue);
     if (!state) {
+      ++missing;
       fmt::print("{}\n", inked(Ink::dim, row(queue.name, queue.key, "-", "missing", "", "", "", "")));
       continue;
     }
@@ -79,6 +81,7 @@ void printTable(bool bars) {
     fmt::print("{}\n", line);
     if (!why.empty()) notes += fmt::format("{} {}\n", inked(Ink::red, fmt::format("! {}:", queue.name)), why);
   }
+  if (missing == queueTable.size()) notes = "HubKeeper has never run here: it creates its queues when it starts\n";
   if (!notes.empty()) fmt::print("\n{}", notes);
 }
 

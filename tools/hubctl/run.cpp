@@ -15,8 +15,7 @@ struct Options : SessionOptions {
   bool raw = false;
   bool all = false;
   double timeout = 0;
-  std::vector<std::string> words;
-  std::string command;  // the words with blanks between
+  std::string command;
 };
 
 struct Outcome {
@@ -119,18 +118,19 @@ int run(const Options& options) {
 
 Action addRun(CLI::App& app) {
   const auto options = std::make_shared<Options>();
-  app.positionals_at_end();
-  addArgument(app, "COMMAND", options->words, "One text, or several words, as for ssh")->required();
+  app.prefix_command();  // the words are taken as they are; as an argument, CLI11 would take the brackets off [a]
   app.add_flag("--all", options->all, "Fetch the whole output, not only one reply");
   addNumber(app, "--timeout", options->timeout, "SECONDS", 0.001, "Stop the command after this long");
   app.add_flag("--raw", options->raw, "Send the text as it is, and learn no exit status");
   const CLI::Option* wait = addSessionOptions(app, *options, "Wait this long for the reply (default 30)");
   app.footer(
-      "Example: hubctl run 'cd /tmp; ls | wc -l'\n"
+      "COMMAND is one text or several words, as for ssh: hubctl run 'cd /tmp; ls | wc -l'\n"
       "It runs as HubKeeper's user, and HubKeeper does nothing else meanwhile.\n"
       "Status 0 when the command's was 0.");
-  return [options, wait] {
-    options->command = fmt::format("{}", fmt::join(options->words, " "));
+  return [options, wait, words = &app] {
+    options->command = fmt::format("{}", fmt::join(words->remaining(), " "));
+    if (options->command.empty()) throw WrongUsage("COMMAND is required");
+    if (options->command.front() == '-') throw WrongUsage(words->remaining().front() + " is no option of run");
     if (options->raw && (options->all || options->timeout > 0)) {
       throw WrongUsage("--raw sends the text untouched, so --all and --timeout cannot go with it");
     }

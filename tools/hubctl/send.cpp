@@ -72,60 +72,41 @@ void checkStarted(Session& session, const Options& options) {
                   endHint));
 }
 
-// One Packet as one Bundle, once fewer than the allowed number are on their way.
-class Pacer {
- public:
-  Pacer(Session& itsSession, double itsWait) : session(itsSession), wait(itsWait) {}
-  void put(std::uint8_t opcode, ByteView payload) {
-    drainTo(unbouncedBundles - 1);
-    session.put(makePacket(opcode, session.nextTag(), payload), after(wait));
-    waiting.push_back(opcode);
-  }
-  void drainTo(std::size_t most) {
-    for (; waiting.size() > most; waiting.erase(waiting.begin())) session.awaitBounce(waiting.front(), wait);
-  }
-
- private:
-  Session& session;
-  double wait;
-  std::vector<std::uint8_t> waiting;
-};
-
 void transfer(Session& session, const Options& options, std::FILE* file, std::uint64_t size) {
-  Pacer pacer(session, options.wait);
+  const auto put = [&](std::uint8_t opcode, ByteView payload) {
+    session.put(makePacket(opcode, session.nextTag(), payload), after(options.wait));
+  };
   Bytes name(options.target.begin() + 1, options.target.end());
   name.push_back(0);  // the service drops the last byte
-  pacer.put(opcodeTransferStart, name);
-  pacer.drainTo(0);
+  put(opcodeTransferStart, name);
+  session.awaitBounce(opcodeTransferStart, options.wait);
   checkStarted(session, options);
 
   std::uint64_t sent = 0;
-  std::string trouble;
-  Progress progress(size);
   try {
+    Progress progress(size);
     Bytes chunk(chunkSize);
-    while (interrupted == 0) {
+    for (int unbounced = 0; interrupted == 0; ++unbounced) {
       const std::size_t got = std::fread(chunk.data(), 1, chunk.size(), file);
       if (got == 0) break;
-      pacer.put(opcodeTransferChunk, {chunk.data(), got});
+      for (; unbounced >= unbouncedBundles; --unbounced) session.awaitBounce(opcodeTransferChunk, options.wait);
+      put(opcodeTransferChunk, {chunk.data(), got});
       sent += got;
       progress.show(sent);
     }
-    if (std::ferror(file) != 0) trouble = fmt::format("cannot read {}", options.file);
   } catch (const Failure& failure) {
     if (interrupted == 0) {
       throw Failure(
           fmt::format("{}\nthe transfer is left open after {}; {} ends it", failure.what(), humanSize(sent), endHint));
     }
   }
-  if (interrupted != 0) trouble = "interrupted";
+  const char* trouble = interrupted != 0 ? "interrupted" : std::ferror(file) != 0 ? "the file cannot be read on" : "";
   interrupted = 0;  // the end Packet must go out in any case, or every further start is refused
-  pacer.put(opcodeTransferEnd, {});
-  pacer.drainTo(0);
-  if (!trouble.empty()) {
-    throw Failure(fmt::format("{}: {} is incomplete on the board, {} of {}", trouble, options.target, humanSize(sent),
-                              humanSize(size)));
-  }
+  put(opcodeTransferEnd, {});
+  session.awaitBounce(opcodeTransferEnd, options.wait);
+  if (*trouble == '\0') return;
+  throw Failure(fmt::format("{}: {} is incomplete on the board, {} of {}", trouble, options.target, humanSize(sent),
+                            humanSize(size)));
 }
 
 int send(Options options) {
@@ -165,7 +146,7 @@ int send(Options options) {
     throw Failure(fmt::format("{} differs on the board: SHA-256 {} instead of {}", options.target, boardSum, sum));
   if (!summed) throw Failure("the size is right, but sha256sum is missing, so the content was not compared");
   if (!options.json) {
-    fmt::print("{} to {} in {:.2f} s ({}/s); size and SHA-256 are the same on the board\n", humanSize(size),
+    fmt::print("sent {} to {} in {:.2f} s, {}/s\nsize and SHA-256 are the same on the board\n", humanSize(size),
                options.target, seconds, humanSize(static_cast<std::uint64_t>(static_cast<double>(size) / seconds)));
   }
   return 0;

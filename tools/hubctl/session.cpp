@@ -18,9 +18,7 @@ struct Frame {
 };
 
 // HubKeeper takes messages of any type, so the type tells which Bundles are this session's own.
-long ownType() {
-  return 0x1000000L + getpid();
-}
+long ownType() { return 0x1000000L + getpid(); }
 
 // A queue call has no time-out. While one blocks, a timer interrupts it again and again, so that a signal which falls
 // just before the call is not missed.
