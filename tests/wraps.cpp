@@ -8,12 +8,12 @@
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
+#include <fstream>
 #include <map>
 #include <mutex>
 
 int millisecondsPerSecond = 10;
-int sleepCalls;
-unsigned sleptSeconds;
+std::string sleepLog = "/tmp/slept";
 
 namespace {
 
@@ -32,15 +32,15 @@ int fault(const char* call) {
   return found->second.error;
 }
 
-// The service built with these stand-ins takes its one fault from the environment: CALL:SKIP:ERROR.
+// The service built with these stand-ins takes its one fault from the environment: CALL:SKIP:ERROR[:MILLISECONDS].
 [[maybe_unused]] const bool planned = [] {
   const char* plan = std::getenv("HUB_FAULT");
   char call[64];
   int skip = 0;
   int error = 0;
-  if (plan != nullptr && std::sscanf(plan, "%63[^:]:%d:%d", call, &skip, &error) == 3) planFault(call, skip, error);
-  const char* haste = std::getenv("HUB_MS_PER_S");
-  if (haste != nullptr) millisecondsPerSecond = std::atoi(haste);
+  if (plan == nullptr) return false;
+  if (std::sscanf(plan, "%63[^:]:%d:%d:%d", call, &skip, &error, &millisecondsPerSecond) >= 3)
+    planFault(call, skip, error);
   return true;
 }();
 
@@ -52,19 +52,12 @@ void planFault(const std::string& call, int skip, int error, int count) {
 }
 void clearFaults() { faults.clear(); }
 
-// WRAP makes a stand-in for a call that tells of a failure by `failed` and errno; STATUS for one that returns its
-// error.
+// `failed` is what the call returns then: its error number, or a mark with the number in errno.
 #define WRAP(type, name, failed, parameters, arguments)               \
   extern "C" type __real_##name parameters;                           \
   extern "C" type __wrap_##name parameters {                          \
     if (const int error = fault(#name)) return errno = error, failed; \
     return __real_##name arguments;                                   \
-  }
-#define STATUS(name, parameters, arguments)           \
-  extern "C" int __real_##name parameters;            \
-  extern "C" int __wrap_##name parameters {           \
-    if (const int error = fault(#name)) return error; \
-    return __real_##name arguments;                   \
   }
 WRAP(int, msgget, -1, (key_t key, int flags), (key, flags))
 WRAP(int, msgctl, -1, (int id, int command, void* stats), (id, command, stats))
@@ -73,18 +66,17 @@ WRAP(FILE*, popen, nullptr, (const char* command, const char* mode), (command, m
 WRAP(int, fclose, EOF, (FILE * file), (file))
 WRAP(DIR*, opendir, nullptr, (const char* path), (path))
 WRAP(int, sched_get_priority_max, -1, (int policy), (policy))
-STATUS(pthread_attr_setschedparam, (pthread_attr_t * a, const sched_param* p), (a, p))
-STATUS(pthread_attr_setdetachstate, (pthread_attr_t * a, int state), (a, state))
-STATUS(pthread_attr_destroy, (pthread_attr_t * a), (a))
-STATUS(pthread_create, (pthread_t * id, const pthread_attr_t* a, void* (*entry)(void*), void* argument),
-       (id, a, entry, argument))
-STATUS(pthread_cancel, (pthread_t id), (id))
-STATUS(clock_nanosleep, (clockid_t clock, int flags, const timespec* request, timespec* rest),
-       (clock, flags, request, rest))
+WRAP(int, pthread_attr_setschedparam, errno, (pthread_attr_t * a, const sched_param* p), (a, p))
+WRAP(int, pthread_attr_setdetachstate, errno, (pthread_attr_t * a, int state), (a, state))
+WRAP(int, pthread_attr_destroy, errno, (pthread_attr_t * a), (a))
+WRAP(int, pthread_create, errno, (pthread_t * id, const pthread_attr_t* a, void* (*entry)(void*), void* argument),
+     (id, a, entry, argument))
+WRAP(int, pthread_cancel, errno, (pthread_t id), (id))
+WRAP(int, clock_nanosleep, errno, (clockid_t clock, int flags, const timespec* request, timespec* rest),
+     (clock, flags, request, rest))
 
 extern "C" unsigned __wrap_sleep(unsigned seconds) {
-  ++sleepCalls;
-  sleptSeconds = seconds;
+  std::ofstream(sleepLog, std::ios::app) << "slept " << seconds << "\n";
   usleep(seconds * static_cast<unsigned>(millisecondsPerSecond) * 1000);
   return 0;
 }

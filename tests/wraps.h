@@ -8,8 +8,6 @@
 void planFault(const std::string& call, int skip, int error, int count = INT_MAX);
 void clearFaults();
 
-/// sleep(3) takes this many milliseconds for each second that it was asked for.
+/// sleep(3) takes this many milliseconds for each second that it was asked for, and leaves a line in that file.
 extern int millisecondsPerSecond;
-/// How often sleep(3) was called, and the seconds asked for last.
-extern int sleepCalls;
-extern unsigned sleptSeconds;
+extern std::string sleepLog;
