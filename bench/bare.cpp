@@ -28,9 +28,7 @@ struct {
   char text[8192];
 } received, bounce, frame;
 
-int queue(int key) {
-  return msgget(key, IPC_CREAT | 0644);
-}
+int queue(int key) { return msgget(key, IPC_CREAT | 0644); }
 
 log4cpp::Category& openLog(const char* name) {
   log4cpp::Category& category = log4cpp::Category::getInstance(name);

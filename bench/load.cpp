@@ -4,8 +4,6 @@
 //
 //   scripts/sandbox build/…/load HUBKEEPER [PACKETS [SEED]]
 
-#include <sys/stat.h>
-
 #include <deque>
 #include <random>
 

@@ -19,15 +19,9 @@ extern "C" {
 void* __libc_malloc(std::size_t size);
 void* __libc_calloc(std::size_t count, std::size_t size);
 void* __libc_realloc(void* block, std::size_t size);
-void* malloc(std::size_t size) noexcept {
-  return ++allocations, __libc_malloc(size);
-}
-void* calloc(std::size_t count, std::size_t size) noexcept {
-  return ++allocations, __libc_calloc(count, size);
-}
-void* realloc(void* block, std::size_t size) noexcept {
-  return ++allocations, __libc_realloc(block, size);
-}
+void* malloc(std::size_t size) noexcept { return ++allocations, __libc_malloc(size); }
+void* calloc(std::size_t count, std::size_t size) noexcept { return ++allocations, __libc_calloc(count, size); }
+void* realloc(void* block, std::size_t size) noexcept { return ++allocations, __libc_realloc(block, size); }
 }
 
 int main(int count, char** words) {
