@@ -1,6 +1,5 @@
 #include "support.h"
 
-#include <fcntl.h>
 #include <signal.h>
 #include <sys/msg.h>
 #include <sys/wait.h>
@@ -9,7 +8,6 @@
 #include <algorithm>
 #include <cstring>
 #include <fstream>
-#include <map>
 #include <regex>
 #include <sstream>
 
@@ -17,21 +15,6 @@
 #include "hub/inbound.h"
 #include "hub/queues.h"
 #include "logging/log_manager.h"
-#include "wraps.h"
-
-struct Message {
-  long mtype;
-  char mtext[8192];
-};
-
-extern "C" int __real_msgget(key_t key, int flags);  // works also while the service's calls are made to fail
-static int queueId(int key) { return __real_msgget(key, IPC_CREAT | 0644); }
-
-Bytes packet(int opcode, const Bytes& payload, int tag, int length) {
-  if (length < 0) length = static_cast<int>(payload.size()) + 5;
-  const int header[] = {length & 0xFF, length >> 8, tag & 0xFF, tag >> 8, opcode};
-  return Bytes(std::begin(header), std::end(header)) + payload;
-}
 
 static Bytes unescape(const std::string& escaped) {
   Bytes bytes;
@@ -48,33 +31,25 @@ static Bytes unescape(const std::string& escaped) {
 }
 
 Bytes text(const std::string& word) {
-  static const std::regex packetWord("(..)(?:@(\\w+))?(?::(\\d+))?(?:\"(.*)\")?");
   if (word[0] == '=') return unescape(word.substr(1));
   if (word[0] == '.') return unescape("\\" + word.substr(1));
   std::smatch part;
-  EXPECT_TRUE(std::regex_match(word, part, packetWord)) << word;
-  return packet(std::stoi(part[1], nullptr, 16), unescape(part[4]),
-                part[2].matched ? std::stoi(part[2], nullptr, 16) : 7, part[3].matched ? std::stoi(part[3]) : -1);
+  EXPECT_TRUE(std::regex_match(word, part, std::regex("(..)(?:@(\\w+))?(?::(\\d+))?(?:\"(.*)\")?"))) << word;
+  const Bytes payload = unescape(part[4]);
+  const std::size_t tag = part[2].matched ? std::stoul(part[2], nullptr, 16) : 7;
+  const std::size_t length = part[3].matched ? std::stoul(part[3]) : payload.size() + 5;
+  const std::size_t header[] = {length & 0xFF, length >> 8, tag & 0xFF, tag >> 8, std::stoul(part[1], nullptr, 16)};
+  return Bytes(std::begin(header), std::end(header)) + payload;
 }
 
-// The pieces of the text that match.
-static Lines pieces(const std::string& whole, const char* pattern) {
-  const std::regex expression(pattern);
-  return {std::sregex_token_iterator(whole.begin(), whole.end(), expression, 1), {}};
-}
-static Lines words(const std::string& row) { return pieces(row, "((?:[^ \"]|\"[^\"]*\")+)"); }
-
-Lines columns(const std::string& row) {
-  Lines all;
-  std::istringstream rest(std::regex_replace(row, std::regex(" *\\| *"), "\n"));
-  for (std::string column; std::getline(rest, column);)
-    all.push_back(column.substr(0, column.find_last_not_of(' ') + 1));
-  return all;
+static Lines words(const std::string& row) {
+  static const std::regex word("(?:[^ \"]|\"[^\"]*\")+");
+  return {std::sregex_token_iterator(row.begin(), row.end(), word), {}};
 }
 
 Lines texts(const std::string& row) {
-  Lines all;
-  for (const std::string& word : words(row)) all.push_back(text(word));
+  Lines all = words(row);
+  for (std::string& word : all) word = text(word);
   return all;
 }
 
@@ -85,22 +60,32 @@ Lines splitLines(const std::string& text) {
   return lines;
 }
 
+Lines columns(const std::string& row) {
+  return splitLines(std::regex_replace(row, std::regex("\\s*\\|\\s*| +$"), "\n"));
+}
+
 void walk(const Bytes& bundle) {
   const std::vector<std::uint8_t> exact(bundle.begin(), bundle.end());
   walkBundle(exact.data(), static_cast<std::uint16_t>(exact.size()));
 }
 
 bool like(const Lines& lines, const Lines& wanted) {
-  static const std::map<char, std::string> priorities = {
-      {'I', "INFO "}, {'W', "WARN "}, {'E', "ERROR "}, {'F', "FATAL "}};
   const auto alike = [](const std::string& line, const std::string& want) {
     if (want.size() < 2 || want[1] != ' ') return line == want;
-    const std::string& priority = priorities.at(want[0]);
-    const std::string message = want.substr(2);
-    return message.starts_with("..") ? line.starts_with(priority) && line.ends_with(message.substr(2))
-                                     : line == priority + message;
+    const std::string message = line.substr(line.find(' ') + 1);
+    return line[0] == want[0] &&
+           (want.substr(2, 2) == ".." ? message.ends_with(want.substr(4)) : message == want.substr(2));
   };
   return std::equal(lines.begin(), lines.end(), wanted.begin(), wanted.end(), alike);
+}
+
+static void perform(const std::string& step) {
+  const Lines word = words(step);
+  if (word[0] == "package") return sendSwPackage(std::stoi(word[1]));
+  if (word[0] == "state") return void(setState(static_cast<std::uint16_t>(std::stoi(word[1], nullptr, 16))));
+  Bytes bundle;
+  for (const Bytes& one : texts(step)) bundle += one;
+  walk(bundle);
 }
 
 void play(const std::string& table) {
@@ -109,51 +94,61 @@ void play(const std::string& table) {
     SCOPED_TRACE(row);
     Lines column = columns(row);
     column.resize(std::max(column.size(), std::size_t{2}));
-    const Lines what = words(column[0]);
-    if (what[0] == "$") {
-      static_cast<void>(std::system(("(" + column[0].substr(2) + ") >/tmp/output 2>&1").c_str()));
-      EXPECT_EQ(readFile("/tmp/output"), unescape(column[1]));
+    std::string& step = column[0];
+    if (step[0] == '!') {
+      planFault(words(step)[1], 0, std::stoi(words(step)[2]));
       continue;
     }
-    if (what[0] == "!") {
-      planFault(what[1], 0, std::stoi(what[2]));
-      continue;
+    if (step[0] == '$') {
+      const std::size_t arrow = step.find(" => ");
+      static_cast<void>(std::system(("(" + step.substr(2, arrow - 2) + ") >/tmp/output 2>&1").c_str()));
+      if (arrow == std::string::npos) {
+        EXPECT_EQ(readFile("/tmp/output"), unescape(column[1]));
+        continue;
+      }
+      step.erase(0, arrow + 4);
     }
-    if (what[0] == "state") {
-      EXPECT_EQ(setState(static_cast<std::uint16_t>(std::stoi(what[1], nullptr, 16))), column[1].empty() ? 0 : 1);
-    } else if (what[0] == "package") {
-      sendSwPackage(std::stoi(what[1]));
-    } else {
-      Bytes bundle;
-      for (const Bytes& one : texts(column[0])) bundle += one;
-      walk(bundle);
-    }
-    const std::map<std::string, int> keys = {
-        {"R", toRidgelink}, {"N", toNetsteward}, {"C", toClocksteward}, {"L", toChronicler}, {"S", toStagehand}};
-    std::map<int, Lines> sent;
-    int key = toRidgelink;
+    std::map<char, Lines> sent;
+    char queue = 'R';
+    bool ends = false;
     for (const std::string& word : words(column[1])) {
-      if (keys.count(word) != 0)
-        key = keys.at(word);
-      else
-        sent[key].push_back(text(word));
+      if (word == "exit") {
+        ends = true;
+      } else if (word.size() == 1 && word != "=") {
+        queue = word[0];
+      } else {
+        sent[queue].push_back(text(word));
+      }
     }
-    for (const int peer : peers) EXPECT_EQ(drain(peer), sent[peer]) << peer;
+    if (ends) {
+      EXPECT_EXIT(perform(step), testing::ExitedWithCode(1), "");
+    } else {
+      perform(step);
+    }
+    for (const auto& [name, key] : keys) EXPECT_EQ(drain(name), sent[name]) << name;
     EXPECT_PRED2(like, log(), Lines(column.begin() + 2, column.end()));
   }
 }
 
+struct Message {
+  long mtype;
+  char mtext[8192];
+};
+
+extern "C" int __real_msgget(key_t key, int flags);  // works also while the service's calls are made to fail
+int queueId(char queue) { return __real_msgget(keys.at(queue), IPC_CREAT | 0644); }
+
 void sendBundle(const Bytes& bundle) {
   Message message{99, {}};  // any mtype is accepted
   std::memcpy(message.mtext, bundle.data(), bundle.size());
-  ASSERT_EQ(msgsnd(queueId(fromRidgelink), &message, bundle.size(), 0), 0);
+  ASSERT_EQ(msgsnd(queueId('I'), &message, bundle.size(), 0), 0);
 }
 
-Lines drain(int key, std::size_t count) {
+Lines drain(char queue, std::size_t count) {
   Lines taken;
   Message message;
   eventually([&] {
-    for (ssize_t size; (size = msgrcv(queueId(key), &message, sizeof message.mtext, 0, IPC_NOWAIT)) >= 0;) {
+    for (ssize_t size; (size = msgrcv(queueId(queue), &message, sizeof message.mtext, 0, IPC_NOWAIT)) >= 0;) {
       EXPECT_EQ(message.mtype, 1);
       taken.emplace_back(message.mtext, static_cast<std::size_t>(size));
     }
@@ -162,17 +157,9 @@ Lines drain(int key, std::size_t count) {
   return taken;
 }
 
-void jam(int key, bool jammed) {
-  msqid_ds stats;
-  msgctl(queueId(key), IPC_STAT, &stats);
-  stats.msg_qbytes = jammed ? 0 : 16384;
-  ASSERT_EQ(msgctl(queueId(key), IPC_SET, &stats), 0);
-}
-
 bool eventually(const std::function<bool()>& holds) {
-  for (int i = 0; i < 6000; ++i) {
+  for (int i = 0; i < 6000; ++i, usleep(5000)) {
     if (holds()) return true;
-    usleep(5000);
   }
   ADD_FAILURE() << "did not come true";
   return false;
@@ -194,65 +181,37 @@ void Core::SetUp() {
   manager->getChannel("messages").setPriority(600);
   messagesChannel = manager->getChannel("messages");
   sleepLog = "/tmp/messages.log";
-  stderr = fopen("/tmp/stderr", "a");  // the stream alone: descriptor 2 stays for a sanitizer's report
-  setvbuf(stderr, nullptr, _IONBF, 0);
+  stderr = fopen("/tmp/messages.log", "a");  // the stream alone: descriptor 2 stays for a sanitizer's report
+  setvbuf(stderr, nullptr, _IOLBF, 0);
   createQues();
   log();
 }
 
-static Lines newLines(const std::string& path, std::size_t& seen) {
-  const std::string text = readFile(path);
-  const Lines lines = splitLines(text.substr(std::min(seen, text.size())));
-  seen = text.size();
-  return lines;
-}
-
 Lines log() {
   static std::size_t seen = 0;
-  return newLines("/tmp/messages.log", seen);
+  const std::string text = readFile("/tmp/messages.log").substr(seen);
+  seen += text.size();
+  return splitLines(text);
 }
 
-Lines errors() {
-  static std::size_t seen = 0;
-  return newLines("/tmp/stderr", seen);
-}
-
-void expectEnd(const std::function<void()>& step, const std::string& errorPattern) {
-  const auto perform = [&] {
-    stderr = fdopen(2, "w");
-    step();
-  };
-  EXPECT_EXIT(perform(), testing::ExitedWithCode(1), errorPattern);
-}
-
-Service::Service(const std::string& program, const char* fault) {
-  static int count = 0;
-  base = "/tmp/service" + std::to_string(++count);
-  id = fork();
-  if (id != 0) return;
-  dup2(open((base + ".out").c_str(), O_CREAT | O_WRONLY | O_APPEND, 0644), 1);
-  dup2(open((base + ".err").c_str(), O_CREAT | O_WRONLY | O_APPEND, 0644), 2);
-  closefrom(3);
-  if (fault != nullptr) setenv("HUB_FAULT", fault, 1);
-  execl(program.c_str(), program.c_str(), nullptr);
-  _exit(127);
+Service::Service(const std::string& program, const std::string& fault) : id(fork()) {
+  const std::string command = "HUB_FAULT=" + fault + " exec " + program + " >>/tmp/console 2>/tmp/errors";
+  if (id == 0) closefrom(3), _exit(execl("/bin/sh", "sh", "-c", command.c_str(), nullptr));
 }
 
 Service::~Service() { kill(id, SIGKILL), waitpid(id, nullptr, 0); }
 
-void Service::waitUntilReady() {
-  sendBundle(packet(0x04));
-  drain(toRidgelink, 2);
+void waitUntilReady() {
+  sendBundle(text("04"));
+  drain('R', 2);
 }
 
-Lines Service::console() const {
-  static const std::regex time("^(\\w+) \\d\\d \\w{3} \\d{4} [\\d:]{8} ");
-  Lines lines = splitLines(readFile(base + ".out"));
-  for (std::string& line : lines) line = std::regex_replace(line, time, "$1 ");
-  return lines;
+Lines console() {
+  return splitLines(
+      std::regex_replace(readFile("/tmp/console"), std::regex("\\d\\d \\w{3} \\d{4} [\\d:]{8} | (?=\n)"), ""));
 }
 
-long Service::logged(const std::string& line) const {
+long logged(const std::string& line) {
   const Lines lines = console();
   return std::count(lines.begin(), lines.end(), line);
 }

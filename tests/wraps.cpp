@@ -1,56 +1,41 @@
-#include "wraps.h"
-
+// Link-time stand-ins (ld --wrap) for calls that the kernel cannot be brought to fail or to hurry.
 #include <dirent.h>
 #include <pthread.h>
 #include <sys/ipc.h>
 #include <unistd.h>
 
-#include <cerrno>
+#include <atomic>
 #include <cstdio>
-#include <cstdlib>
 #include <fstream>
-#include <map>
-#include <mutex>
+
+#include "support.h"
 
 int millisecondsPerSecond = 10;
 std::string sleepLog = "/tmp/slept";
 
 namespace {
+std::string faultyCall;
+std::atomic<int> successes;
+int faultError;
 
-struct Fault {
-  int skip, error, count;
-};
-std::map<std::string, Fault> faults;
-std::mutex faultsMutex;
-
-// The error with which this call is to fail, or 0.
-int fault(const char* call) {
-  const std::lock_guard lock(faultsMutex);
-  const auto found = faults.find(call);
-  if (found == faults.end() || found->second.skip-- > 0 || found->second.count-- <= 0) return 0;
-  found->second.skip = 0;
-  return found->second.error;
-}
-
-// The service built with these stand-ins takes its one fault from the environment: CALL:SKIP:ERROR[:MILLISECONDS].
+// The service built with these stand-ins takes its fault from the environment: CALL:SKIP:ERROR:MILLISECONDS.
 [[maybe_unused]] const bool planned = [] {
   const char* plan = std::getenv("HUB_FAULT");
   char call[64];
-  int skip = 0;
-  int error = 0;
-  if (plan == nullptr) return false;
-  if (std::sscanf(plan, "%63[^:]:%d:%d:%d", call, &skip, &error, &millisecondsPerSecond) >= 3)
-    planFault(call, skip, error);
+  int skip = 0, error = 0;
+  if (plan == nullptr || std::sscanf(plan, "%63[^:]:%d:%d:%d", call, &skip, &error, &millisecondsPerSecond) < 3)
+    return false;
+  planFault(call, skip, error);
   return true;
 }();
 
+// The error with which this call is to fail, or 0.
+int fault(const char* call) { return faultyCall == call && successes-- <= 0 ? faultError : 0; }
 }  // namespace
 
-void planFault(const std::string& call, int skip, int error, int count) {
-  const std::lock_guard lock(faultsMutex);
-  faults[call] = {skip, error, count};
+void planFault(const std::string& call, int skip, int error) {
+  faultyCall = call, successes = skip, faultError = error;
 }
-void clearFaults() { faults.clear(); }
 
 // `failed` is what the call returns then: its error number, or a mark with the number in errno.
 #define WRAP(type, name, failed, parameters, arguments)               \
@@ -69,11 +54,10 @@ WRAP(int, sched_get_priority_max, -1, (int policy), (policy))
 WRAP(int, pthread_attr_setschedparam, errno, (pthread_attr_t * a, const sched_param* p), (a, p))
 WRAP(int, pthread_attr_setdetachstate, errno, (pthread_attr_t * a, int state), (a, state))
 WRAP(int, pthread_attr_destroy, errno, (pthread_attr_t * a), (a))
-WRAP(int, pthread_create, errno, (pthread_t * id, const pthread_attr_t* a, void* (*entry)(void*), void* argument),
-     (id, a, entry, argument))
+WRAP(int, pthread_create, errno, (pthread_t * id, const pthread_attr_t* a, void* (*run)(void*), void* arg),
+     (id, a, run, arg))
 WRAP(int, pthread_cancel, errno, (pthread_t id), (id))
-WRAP(int, clock_nanosleep, errno, (clockid_t clock, int flags, const timespec* request, timespec* rest),
-     (clock, flags, request, rest))
+WRAP(int, clock_nanosleep, errno, (clockid_t c, int flags, const timespec* t, timespec* rest), (c, flags, t, rest))
 
 extern "C" unsigned __wrap_sleep(unsigned seconds) {
   std::ofstream(sleepLog, std::ios::app) << "slept " << seconds << "\n";
