@@ -13,8 +13,7 @@ void catchSignals() {
   action.sa_handler = [](int signal) {
     if (signal != SIGALRM) interrupted = 1;
   };
-  sigaction(SIGINT, &action, nullptr);
-  sigaction(SIGTERM, &action, nullptr);
+  for (const int signal : {SIGINT, SIGTERM, SIGHUP}) sigaction(signal, &action, nullptr);
   // msgsnd and msgrcv are never restarted, whatever this flag says; file input and output are.
   action.sa_flags = SA_RESTART;
   sigaction(SIGALRM, &action, nullptr);
@@ -48,7 +47,7 @@ std::string inked(Ink ink, std::string_view text, int stream) {
            std::string_view(terminal) != "dumb";
   };
   static const bool colourful[] = {false, wantsColour(STDOUT_FILENO), wantsColour(STDERR_FILENO)};
-  if (!colourful[stream]) return std::string(text);
+  if (!colourful[stream] || text.empty()) return std::string(text);
   return fmt::format("\033[{}m{}\033[0m", static_cast<int>(ink), text);
 }
 

@@ -25,10 +25,10 @@ struct WrongUsage : std::runtime_error {
   using std::runtime_error::runtime_error;
 };
 
-/// Set by SIGINT and SIGTERM. A blocking queue call returns soon after; a command that must tidy up clears it first.
+/// Set by SIGINT, SIGTERM and SIGHUP. A blocking queue call returns soon after; a command that must tidy up clears it first.
 extern volatile std::sig_atomic_t interrupted;
 
-/// Makes SIGINT and SIGTERM set `interrupted`, and a SIGALRM do nothing but end a blocking queue call.
+/// Makes those signals set `interrupted`, and a SIGALRM do nothing but end a blocking queue call.
 void catchSignals();
 
 /// "hubctl: " and the text on stderr, wrapped at the terminal's width and indented.

@@ -1,6 +1,7 @@
 // hubctl: a console that plays Ridgelink. This file holds the table of subcommands, from which the help is printed, and
 // turns what goes wrong into a sentence on stderr and an exit status: 0 done, 1 failed, 2 wrong usage.
 #include <CLI/CLI.hpp>
+#include <map>
 #include <memory>
 
 #include "commands.h"
@@ -48,39 +49,32 @@ int runChosen(int argc, char** argv) {
   app.get_formatter()->label("REQUIRED", "");
   app.get_formatter()->label("Positionals", "Arguments");
 
-  std::vector<std::pair<CLI::App*, Action>> actions;
-  for (const Subcommand& row : subcommands) {
-    CLI::App* sub = app.add_subcommand(row.name, row.summary);
-    actions.emplace_back(sub, row.add(*sub));
-  }
+  std::map<std::string, Action> actions;
+  for (const Subcommand& row : subcommands) actions[row.name] = row.add(*app.add_subcommand(row.name, row.summary));
   // A subcommand copies what it finds in place when it is added, so these come last.
   app.formatter(std::make_shared<CLI::Formatter>());
   app.get_formatter()->column_width(16);
   app.footer(footer);
 
   const auto chosen = [&] {
-    for (const auto& action : actions) {
-      if (action.first->parsed()) return &action;
-    }
-    return static_cast<const std::pair<CLI::App*, Action>*>(nullptr);
+    return app.get_subcommands().empty() ? std::string() : app.get_subcommands().front()->get_name();
   };
   const auto wrongUsage = [&](const std::string& text) {
-    const std::string name = chosen() == nullptr ? "" : chosen()->first->get_name() + " ";
-    complain(fmt::format("{}\ntry: hubctl {}--help", text, name));
+    complain(fmt::format("{}\ntry: hubctl {}{}--help", text, chosen(), chosen().empty() ? "" : " "));
     return 2;
   };
-
   try {
     app.parse(argc, argv);
-    return chosen()->second();
+    return actions[chosen()]();
   } catch (const CLI::Success& request) {
     return app.exit(request);  // --help and --version
   } catch (const CLI::ParseError& error) {
-    if (argc > 1 && chosen() == nullptr && argv[1][0] != '-')
-      return wrongUsage(fmt::format("there is no subcommand \"{}\"", argv[1]));
-    if (argc > 1) return wrongUsage(error.what());
-    fmt::print(stderr, "{}", app.help());
-    return 2;
+    if (argc == 1) {
+      fmt::print(stderr, "{}", app.help());
+      return 2;
+    }
+    const bool unknown = chosen().empty() && argv[1][0] != '-';
+    return wrongUsage(unknown ? fmt::format("there is no subcommand \"{}\"", argv[1]) : error.what());
   } catch (const WrongUsage& error) {
     return wrongUsage(error.what());
   } catch (const std::exception& error) {

@@ -126,21 +126,31 @@ Bytes parseHex(std::string_view text) {
   return bytes;
 }
 
-std::string columnTitles() { return fmt::format("{:>6}  {:>5}  {:<21}  {}", "LENGTH", "TAG", "OPCODE", "PAYLOAD"); }
+void PiecePrinter::printTitles() {
+  if (titles.empty()) return;
+  titles += fmt::format("  {:>6}  {:>5}  {:<21}  {}", "LENGTH", "TAG", "OPCODE", "PAYLOAD");
+  fmt::print("{}\n", inked(Ink::bold, titles));
+  std::fflush(stdout);
+  titles.clear();
+}
 
-std::string pieceLine(const Piece& piece, int width) {
+void PiecePrinter::print(std::string_view columns, const Piece& piece) {
+  printTitles();
   const std::string opcode = fmt::format("{:02x} {}", piece.opcode, opcodeName(piece.opcode));
-  const std::string payload = payloadText(piece.payload, width <= 0 ? 0 : std::max(8, width - 38));
+  const int width = terminalWidth();
+  const std::string payload =
+      payloadText(piece.payload, width == 0 ? 0 : std::max(8, width - 40 - static_cast<int>(columns.size())));
   const auto line = [&](std::string_view tag, Ink ink, std::string_view what, std::string_view rest) {
-    const std::string padded = rest.empty() ? std::string(what) : fmt::format("{:<21}", what);
-    return fmt::format("{:>6}  {:>5}  {}{}{}", piece.length, tag, inked(ink, padded), rest.empty() ? "" : "  ", rest);
+    const std::string padded = rest.empty() ? std::string(what) : fmt::format("{:<21}  ", what);
+    fmt::print("{}  {:>6}  {:>5}  {}{}\n", columns, piece.length, tag, inked(ink, padded), rest);
   };
   switch (piece.kind) {
-    case Kind::bounce: return line("", Ink::dim, opcode, "bounce");
-    case Kind::state: return line("", Ink::yellow, "board state", payload);
-    case Kind::bad: return line("", Ink::red, "no Packet", payload);
-    default: return line(std::to_string(piece.tag), Ink::cyan, opcode, payload);
+    case Kind::packet: line(std::to_string(piece.tag), Ink::cyan, opcode, payload); break;
+    case Kind::bounce: line("", Ink::dim, opcode, "bounce"); break;
+    case Kind::state: line("", Ink::yellow, "board state", payload); break;
+    case Kind::bad: line("", Ink::red, "no Packet", payload); break;
   }
+  std::fflush(stdout);
 }
 
 nlohmann::json pieceJson(const Piece& piece) {

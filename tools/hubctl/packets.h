@@ -44,10 +44,17 @@ std::string printable(ByteView bytes);
 /// Throws a WrongUsage that shows the place.
 Bytes parseHex(std::string_view text);
 
-/// One line: length, tag, opcode with its name, payload as hexadecimal and text. A `width` above 0 cuts the payload so
-/// that the line fits. columnTitles() belongs above it.
-std::string pieceLine(const Piece& piece, int width);
-std::string columnTitles();
+/// Prints pieces to stdout, each as one line: columns of the caller's, then length, tag, opcode with its name, payload as
+/// hexadecimal and text, cut to the width of a terminal. The titles come before the first piece, or when asked for.
+class PiecePrinter {
+ public:
+  explicit PiecePrinter(std::string itsTitles) : titles(std::move(itsTitles)) {}
+  void printTitles();
+  void print(std::string_view columns, const Piece& piece);
+
+ private:
+  std::string titles;  // empty once they have been printed
+};
 
 nlohmann::json pieceJson(const Piece& piece);
 

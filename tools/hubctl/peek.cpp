@@ -32,7 +32,7 @@ int peek(const Options& options) {
   const Queue& queue = findQueue(options.queue);
   const auto state = lookAt(queue);
   if (!state) throw Failure(fmt::format("queue {} ({}) does not exist", queue.key, queue.name));
-  const int width = terminalWidth();
+  PiecePrinter printer(fmt::format("{:>4}", "#"));
   const std::size_t limit = longestMessage();
   std::vector<long> frame(1 + (limit + sizeof(long) - 1) / sizeof(long));  // the type, then the text
   nlohmann::json list = nlohmann::json::array();
@@ -47,14 +47,12 @@ int peek(const Options& options) {
           "hubctl queues still tells how many wait");
     }
     if (size == -1) throw Failure(fmt::format("cannot read queue {}: {}", queue.key, std::strerror(error)));
-    if (!options.json && shown == 0)
-      fmt::print("{}\n", inked(Ink::bold, fmt::format("{:>4}  {}", "#", columnTitles())));
     nlohmann::json pieces = nlohmann::json::array();
     const ByteView text(reinterpret_cast<const std::uint8_t*>(&frame[1]), static_cast<std::size_t>(size));
     std::string number = std::to_string(shown + 1);
     for (const Piece& piece : split(queue, text)) {
       if (options.json) pieces.push_back(pieceJson(piece));
-      if (!options.json) fmt::print("{:>4}  {}\n", number, pieceLine(piece, width == 0 ? 0 : width - 6));
+      if (!options.json) printer.print(fmt::format("{:>4}", number), piece);
       number.clear();  // the Packets of one Bundle
     }
     list.push_back(pieces);

@@ -55,10 +55,8 @@ std::optional<Bytes> takeNext(const Queue& queue) {
 int play(const Options& options) {
   const std::vector<const Queue*> queues = choose(options.names);
   for (const Queue* queue : queues) refuseBesideReader(*queue, options.force);
-  const int width = terminalWidth();
-  if (!options.json) {
-    fmt::print("{}\n", inked(Ink::bold, fmt::format("{:<12}  {:<12}  {}", "TIME", "QUEUE", columnTitles())));
-  }
+  PiecePrinter printer(fmt::format("{:<12}  {:<12}", "TIME", "QUEUE"));
+  if (!options.json) printer.printTitles();
   unsigned taken = 0;
   const auto wanted = [&] { return interrupted == 0 && (options.most == 0 || taken < options.most); };
   while (wanted()) {
@@ -73,8 +71,7 @@ int play(const Options& options) {
         json.update({{"time", timeOfDay()}, {"queue", queue->name}});
         fmt::print("{}\n", dumpJson(json));
       } else {
-        fmt::print("{}  {:<12}  {}\n", inked(Ink::dim, timeOfDay()), queue->name,
-                   pieceLine(piece, width == 0 ? 0 : width - 28));
+        printer.print(fmt::format("{}  {:<12}", timeOfDay(), queue->name), piece);
       }
     }
     std::fflush(stdout);

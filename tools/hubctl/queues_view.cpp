@@ -17,7 +17,7 @@ struct Options {
 };
 
 constexpr int narrow = 92;  // columns; a smaller terminal goes without the bars
-constexpr int barCells = 10;
+constexpr std::size_t barCells = 10;
 
 // "1.5K", as df(1) writes it.
 std::string shortSize(std::uint64_t bytes) {
@@ -36,9 +36,7 @@ std::string trouble(const QueueState& state) {
   if (state.messages == 0) return "";
   if (state.receiver == 0) return "nobody drains it: no process has ever read from it";
   const auto reader = livingProcess(state.receiver);
-  if (!reader) {
-    return fmt::format("nobody drains it: its last reader, process {}, is gone", state.receiver);
-  }
+  if (!reader) return fmt::format("nobody drains it: its last reader, process {}, is gone", state.receiver);
   const double waiting = std::difftime(std::time(nullptr), state.lastReceive);
   if (waiting < 3) return "";
   return fmt::format("not drained for {}: {} is busy or stuck", humanSpan(waiting), reader->name);
@@ -46,13 +44,10 @@ std::string trouble(const QueueState& state) {
 
 std::string fillBar(const QueueState& state) {
   const double share = state.capacity == 0 ? 0 : static_cast<double>(state.bytes) / static_cast<double>(state.capacity);
-  const int cells = std::min(barCells, static_cast<int>(share * barCells + (state.bytes > 0 ? 0.999 : 0)));
-  return fmt::format("[{}{:.<{}}]",
-                     inked(share < 0.5   ? Ink::green
-                           : share < 0.9 ? Ink::yellow
-                                         : Ink::red,
-                           std::string(cells, '#')),
-                     "", barCells - cells);
+  const auto cells =
+      static_cast<std::size_t>(std::min(share * barCells + (state.bytes > 0 ? 0.999 : 0), 1.0 * barCells));
+  const Ink ink = share < 0.5 ? Ink::green : share < 0.9 ? Ink::yellow : Ink::red;
+  return fmt::format("[{}{:.<{}}]", inked(ink, std::string(cells, '#')), "", barCells - cells);
 }
 
 void printTable(bool bars) {

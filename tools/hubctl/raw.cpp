@@ -20,14 +20,12 @@ int sendRaw(const Options& options) {
     bundle.insert(bundle.end(), bytes.begin(), bytes.end());
   }
   Session session(options);
-  const int width = terminalWidth();
+  PiecePrinter printer(fmt::format("{:>10}", "MS"));
   const Clock::time_point start = Clock::now();
   const Clock::time_point end = after(options.wait);
   session.put(bundle, end);
   bool answered = false;
   while (const auto message = session.take(end)) {
-    if (!answered && !options.json)
-      fmt::print("{}\n", inked(Ink::bold, fmt::format("{:>10}  {}", "MS", columnTitles())));
     answered = true;
     const double time = secondsSince(start) * 1000;
     const Piece piece = split(outbound, *message).front();
@@ -36,7 +34,7 @@ int sendRaw(const Options& options) {
       json["milliseconds"] = time;
       fmt::print("{}\n", dumpJson(json));
     } else {
-      fmt::print("{:>10.3f}  {}\n", time, pieceLine(piece, width == 0 ? 0 : width - 12));
+      printer.print(fmt::format("{:>10.3f}", time), piece);
     }
     std::fflush(stdout);
   }

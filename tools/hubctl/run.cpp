@@ -1,6 +1,5 @@
 // A shell command on the board. Its output goes to a temporary file there, so that the exit status and the size of the
 // output come first in the reply, however long the output is, and a job left in the background holds nothing up.
-#include <charconv>
 #include <memory>
 #include <nlohmann/json.hpp>
 #include <sstream>
@@ -25,39 +24,36 @@ struct Outcome {
   bool cut = false;
 };
 
-// The file that holds the output of a command while it is fetched, on the board.
-class KeptFile {
- public:
-  KeptFile(Session& itsSession, std::string_view path) : session(itsSession), name(shellQuote(path)) {}
-  ~KeptFile() {
-    interrupted = 0;  // a Ctrl-C ends the fetching, not the tidying up
-    try {
-      runScript(session, "rm -f " + name, 5);
-    } catch (const std::exception& failure) {
-      complain(fmt::format("{} stays on the board: {}", name, failure.what()));
-    }
+std::string fetch(Session& session, const std::string& file, std::uint64_t size, double wait) {
+  std::string content;
+  Progress progress(size);
+  for (std::uint64_t piece = 0; content.size() < size; ++piece) {
+    const std::string bytes =
+        runScript(session, fmt::format("dd if={} bs={} skip={} count=1 2>/dev/null", file, maxReplyText, piece), wait);
+    if (bytes.empty()) throw Failure("the output kept on the board has become shorter");
+    content += bytes;
+    progress.show(content.size());
   }
-  KeptFile(const KeptFile&) = delete;
-  KeptFile& operator=(const KeptFile&) = delete;
+  content.resize(static_cast<std::size_t>(size));  // a job in the background may have gone on writing
+  return content;
+}
 
-  std::string fetch(std::uint64_t size, double wait) {
-    std::string content;
-    Progress progress(size);
-    for (std::uint64_t piece = 0; content.size() < size; ++piece) {
-      const std::string bytes = runScript(
-          session, fmt::format("dd if={} bs={} skip={} count=1 2>/dev/null", name, maxReplyText, piece), wait);
-      if (bytes.empty()) throw Failure("the output kept on the board has become shorter");
-      content += bytes;
-      progress.show(content.size());
-    }
-    content.resize(size);  // a job in the background may have gone on writing
-    return content;
+// The same, and removes the file from the board, whatever happens; a Ctrl-C ends the fetching, not the tidying up.
+std::string fetchAndRemove(Session& session, const std::string& file, std::uint64_t size, double wait) {
+  const auto remove = [&] {
+    interrupted = 0;
+    runScript(session, "rm -f " + file, wait);
+  };
+  std::string content;
+  try {
+    content = fetch(session, file, size, wait);
+  } catch (const Failure&) {
+    remove();
+    throw;
   }
-
- private:
-  Session& session;
-  std::string name;
-};
+  remove();
+  return content;
+}
 
 Outcome runWrapped(Session& session, const Options& options) {
   const std::string limit = options.timeout > 0 ? fmt::format("timeout {:g} ", options.timeout) : "";
@@ -73,7 +69,7 @@ Outcome runWrapped(Session& session, const Options& options) {
     throw Failure("the board could not prepare the command; it said\n" + reply);
   }
   outcome.output = reply.substr(std::min(reply.size(), reply.find('\n') + 1));
-  if (options.all) outcome.output = KeptFile(session, path).fetch(outcome.size, options.wait);
+  if (options.all) outcome.output = fetchAndRemove(session, shellQuote(path), outcome.size, options.wait);
   outcome.cut = outcome.output.size() < outcome.size;
   return outcome;
 }
