@@ -7,6 +7,7 @@
 
 #include <algorithm>
 #include <cstring>
+#include <ctime>
 #include <fstream>
 #include <regex>
 #include <sstream>
@@ -158,7 +159,7 @@ Lines drain(char queue, std::size_t count) {
 }
 
 bool eventually(const std::function<bool()>& holds) {
-  for (int i = 0; i < 6000; ++i, usleep(5000)) {
+  for (const std::time_t began = std::time(nullptr); std::time(nullptr) - began < 30; usleep(5000)) {
     if (holds()) return true;
   }
   ADD_FAILURE() << "did not come true";
