@@ -18,11 +18,11 @@ const char* commandText(const std::uint8_t* packet) { return reinterpret_cast<co
 
 }  // namespace
 
-const char* commandRefusal(const std::uint8_t* packet, std::uint16_t end) {
-  if (end <= packetHeaderSize) return "HubKeeper: Remote command not run, it has no text";
-  const std::size_t reach = end - std::size_t{packetHeaderSize};
-  const std::size_t length = strnlen(commandText(packet), reach);
-  if (length == reach) return "HubKeeper: Remote command not run, no NUL ends its text";
+const char* commandRefusal(const std::uint8_t* packet, std::uint16_t reach) {
+  if (reach <= packetHeaderSize) return "HubKeeper: Remote command not run, it has no text";
+  const std::size_t limit = reach - std::size_t{packetHeaderSize};
+  const std::size_t length = strnlen(commandText(packet), limit);
+  if (length == limit) return "HubKeeper: Remote command not run, no NUL ends its text";
   if (length > longestCommand) return "HubKeeper: Remote command not run, it has more than 999 characters";
   return nullptr;
 }

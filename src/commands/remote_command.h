@@ -6,9 +6,9 @@
 #include <cstdint>
 
 /// Why the command in the Packet at `packet` is not to be run, or null when handleRemoteCommand may run it: there is no
-/// text, or no NUL within the `end` bytes that may be read from the Packet's first byte on, or the text has more than
+/// text, or no NUL within the `reach` bytes that may be read from the Packet's first byte on, or the text has more than
 /// 999 characters.
-const char* commandRefusal(const std::uint8_t* packet, std::uint16_t end);
+const char* commandRefusal(const std::uint8_t* packet, std::uint16_t reach);
 
 /// Logs `reason` at ERROR and sends it as the reply's text, so that Ridgelink does not wait in vain. Neither the shell
 /// nor the response file is touched.

@@ -26,12 +26,12 @@ struct Lengths {
 constexpr Lengths anyFrame{0, frameTextSize};  // a forward sends even a header cut short, as it came
 constexpr Lengths wholeFrame{packetHeaderSize, frameTextSize};
 constexpr Lengths wholeBundle{packetHeaderSize, bundleTextSize};
-constexpr Lengths unread{0, 0xFFFF};  // the Packet's length plays no part, nor do the bytes behind its header
+constexpr const Lengths* unjudged = nullptr;  // the Packet's length plays no part
 
 struct Route {
   std::uint8_t first;
   std::uint8_t last;
-  const Lengths& lengths;
+  const Lengths* lengths;  // null: not judged
   void (*act)(const Received& received);
 };
 
@@ -47,8 +47,8 @@ void forward(const SendKind& peer, const Received& received) {
 void runCommand(const Received& received) {
   const PacketHeader& header = received.header;
   // The command ends at its NUL, which must lie within the Packet, or within the Bundle where the length is bad.
-  const bool sound = fitsBundle(header.length, received.remaining);
-  const char* refusal = commandRefusal(received.packet, sound ? header.length : received.remaining);
+  const bool lengthIsGood = fitsBundle(header.length, received.remaining);
+  const char* refusal = commandRefusal(received.packet, lengthIsGood ? header.length : received.remaining);
   if (refusal != nullptr) {
     refuseRemoteCommand(header.tag, refusal);
   } else {
@@ -58,21 +58,21 @@ void runCommand(const Received& received) {
 
 // The first row that holds the opcode wins, so the order counts: a heartbeat lies in Netsteward's range.
 constexpr Route routes[] = {
-    {opcodeHeartbeat, opcodeHeartbeat, unread, answerHeartbeat},
-    {opcodeChronicler, opcodeChronicler, anyFrame, [](const Received& r) { forward(chroniclerSend, r); }},
-    {opcodeNetstewardFirst, opcodeNetstewardLast, anyFrame, [](const Received& r) { forward(netstewardSend, r); }},
-    {opcodeClockstewardFirst, opcodeClockstewardLast, anyFrame,
+    {opcodeHeartbeat, opcodeHeartbeat, unjudged, answerHeartbeat},
+    {opcodeChronicler, opcodeChronicler, &anyFrame, [](const Received& r) { forward(chroniclerSend, r); }},
+    {opcodeNetstewardFirst, opcodeNetstewardLast, &anyFrame, [](const Received& r) { forward(netstewardSend, r); }},
+    {opcodeClockstewardFirst, opcodeClockstewardLast, &anyFrame,
      [](const Received& r) { forward(clockstewardSend, r); }},
-    {opcodeVersion, opcodeVersion, unread, [](const Received& r) { handleVersionRequest(r.header.tag); }},
-    {opcodeCommand, opcodeCommand, unread, runCommand},
-    {opcodeTransferStart, opcodeTransferStart, wholeFrame,
+    {opcodeVersion, opcodeVersion, unjudged, [](const Received& r) { handleVersionRequest(r.header.tag); }},
+    {opcodeCommand, opcodeCommand, unjudged, runCommand},
+    {opcodeTransferStart, opcodeTransferStart, &wholeFrame,
      [](const Received& r) { handleTransferStart(r.packet, r.header.length); }},
-    {opcodeTransferChunk, opcodeTransferChunk, wholeBundle,
+    {opcodeTransferChunk, opcodeTransferChunk, &wholeBundle,
      [](const Received& r) { handleTransferChunk(r.packet, r.header.length); }},
-    {opcodeTransferEnd, opcodeTransferEnd, wholeFrame,
+    {opcodeTransferEnd, opcodeTransferEnd, &wholeFrame,
      [](const Received& r) { handleTransferEnd(r.packet, r.header.length); }},
-    {opcodeClockstewardOff, opcodeClockstewardOff, unread, [](const Received&) { handleClockstewardDisable(); }},
-    {opcodeClockstewardOn, opcodeClockstewardOn, unread, [](const Received&) { handleClockstewardEnable(); }},
+    {opcodeClockstewardOff, opcodeClockstewardOff, unjudged, [](const Received&) { handleClockstewardDisable(); }},
+    {opcodeClockstewardOn, opcodeClockstewardOn, unjudged, [](const Received&) { handleClockstewardEnable(); }},
 };
 
 const Route* findRoute(std::uint8_t opcode) {
@@ -83,9 +83,9 @@ const Route* findRoute(std::uint8_t opcode) {
 }
 
 bool lengthHolds(const Route& route, const Received& received) {
-  if (&route.lengths == &unread) return true;
+  if (route.lengths == nullptr) return true;
   const std::uint16_t length = received.header.length;
-  return length >= route.lengths.least && length <= route.lengths.most && length <= received.remaining;
+  return length >= route.lengths->least && length <= route.lengths->most && length <= received.remaining;
 }
 
 }  // namespace

@@ -25,7 +25,7 @@ std::int32_t logCommandOutput(const std::string& command) {
     messagesChannel.error() << "HubKeeper: Failed to run command " << command;
     return -1;
   }
-  // A piece keeps its newline, so a whole line leaves an empty one behind it in the log.
+  // A piece keeps its newline, so behind a whole line of output stands a log line without text.
   char piece[128];
   while (std::fgets(piece, sizeof piece, output) != nullptr) messagesChannel.info() << static_cast<const char*>(piece);
   return pclose(output);

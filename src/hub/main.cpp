@@ -3,6 +3,7 @@
 
 #include <fcntl.h>
 #include <time.h>
+#include <unistd.h>
 
 #include <cstdint>
 #include <cstdio>
@@ -23,6 +24,14 @@ const std::string logPattern = "%p %d{%d %b %Y %X} %m %n";
 const std::string logDirectory = "/media/data";
 constexpr bool logToFile = true;
 constexpr bool logToConsole = true;
+
+// A closed one would go to the next file that is opened. Lines for the console would then stand twice in the log, and
+// those of perror(3) in a file that Ridgelink transfers.
+void holdStandardDescriptors() {
+  int descriptor = open("/dev/null", O_RDWR);
+  while (descriptor >= 0 && descriptor < 2) descriptor = open("/dev/null", O_RDWR);
+  if (descriptor > 2) close(descriptor);
+}
 
 void configureLogging() {
   // log4cpp's console sink does not flush; on a pipe, lines would wait in the buffer and be lost at a kill.
@@ -53,6 +62,7 @@ void makeInputNonBlocking() {
 }  // namespace
 
 int main() {
+  holdStandardDescriptors();
   configureLogging();
   messagesChannel.info() << "HubKeeper version: " << appVersion;
   stampVersion(appVersion);

@@ -36,7 +36,7 @@ struct Queue {
   key_t key;
   int* handle;
   const char* openFailed;  // at ERROR when the first opening fails, which ends the process
-  const char* openCause;   // for perror(3) then
+  const char* openPerror;  // what perror(3) is given then
   const char* idLabel;     // in front of the id at start; null for none
   bool enlarged;
 };
@@ -77,9 +77,9 @@ struct SendKind {
   const char* restored = nullptr;      // at INFO, at a success after fifteen failures or more
   const char* reopenFailed = nullptr;  // at ERROR whenever the queue cannot be opened anew, never suppressed
   bool reopenReason = false;           // the text of errno follows that line directly
-  const char* lost = nullptr;          // at ERROR after that line
-  const char* cause = nullptr;         // for perror(3)
-  bool causeAlways = false;            // at every failure; otherwise only when the queue cannot be opened anew
+  const char* alsoLogged = nullptr;    // at ERROR after that line
+  const char* perrorText = nullptr;    // what perror(3) is given
+  bool perrorAlways = false;           // at every failure; otherwise only when the queue cannot be opened anew
 };
 
 // "occurance" and "Communcation" are misspelt, and two lines begin with a blank: peers and operators search for
@@ -135,8 +135,8 @@ const SendKind versionReplySend{
     .queue = ridgelink,
     .frame = &replyFrame,
     .reopenFailed = "In From Ridgelink queue setup failed",
-    .lost = "HubKeeper: failed sending to Ridgelink",
-    .cause = "msgsnd to Ridgelink",
+    .alsoLogged = "HubKeeper: failed sending to Ridgelink",
+    .perrorText = "msgsnd to Ridgelink",
 };
 const SendKind commandReplySend{
     .queue = ridgelink,
@@ -169,8 +169,8 @@ const SendKind packageNoticeSend{
     .restored = "HubKeeper broken communication restored while sending SW package to Ridgelink",
     .reopenFailed = "In From Ridgelink queue setup failed",
     .reopenReason = true,
-    .cause = "msgsnd to Ridgelink",
-    .causeAlways = true,
+    .perrorText = "msgsnd to Ridgelink",
+    .perrorAlways = true,
 };
 const SendKind stateNoticeSend{
     .queue = ridgelink,
@@ -194,20 +194,20 @@ bool sendMessage(const SendKind& kind, const std::uint8_t* text, std::uint16_t s
     return true;
   }
 
-  int reason = errno;
+  int error = errno;
   const std::uint32_t count = kind.failures != nullptr ? ++*kind.failures : 0;
   if (count < lastLogged && kind.failed != nullptr) messagesChannel.error() << kind.failed;
   if (count == lastLogged) messagesChannel.error() << kind.failedLast;
 
   const bool reopened = openQueue(kind.queue) != -1;
   if (!reopened) {
-    reason = errno;
-    messagesChannel.error() << kind.reopenFailed << (kind.reopenReason ? std::strerror(reason) : "");
-    if (kind.lost != nullptr) messagesChannel.error() << kind.lost;
+    error = errno;
+    messagesChannel.error() << kind.reopenFailed << (kind.reopenReason ? std::strerror(error) : "");
+    if (kind.alsoLogged != nullptr) messagesChannel.error() << kind.alsoLogged;
   }
-  if (kind.cause != nullptr && (kind.causeAlways || !reopened)) {
-    errno = reason;
-    std::perror(kind.cause);
+  if (kind.perrorText != nullptr && (kind.perrorAlways || !reopened)) {
+    errno = error;
+    std::perror(kind.perrorText);
   }
   return false;
 }
@@ -248,7 +248,7 @@ void enlargeNetstewardQueue() {
 void createQues() {
   messagesChannel.info() << "HubKeeper Attempting to createQues";
   for (const Queue& queue : queues) {
-    if (openQueue(queue) == -1) endAfterFailure(queue.openFailed, queue.openCause);
+    if (openQueue(queue) == -1) endAfterFailure(queue.openFailed, queue.openPerror);
     if (queue.enlarged) enlargeNetstewardQueue();
   }
 }

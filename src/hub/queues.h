@@ -61,9 +61,9 @@ extern const SendKind packageNoticeSend;
 extern const SendKind stateNoticeSend;
 
 /// Sends `size` bytes, at most 512, as one message of that kind, without waiting. A message that cannot be sent is
-/// dropped, and the failure counted, logged and answered by opening the queue anew. True when it went out.
+/// dropped and the queue opened anew; the kind tells what is counted and logged. True when it went out.
 bool sendMessage(const SendKind& kind, const std::uint8_t* text, std::uint16_t size);
 
-/// Builds a Packet from `payloadLength` bytes, at most 507, and sends it.
+/// Builds a Packet from `payloadLength` bytes, at most 507, and sends it. False when it was refused or did not go out.
 bool sendPacket(const SendKind& kind, std::uint16_t tag, std::uint8_t opcode, const std::uint8_t* payload,
                 int payloadLength);

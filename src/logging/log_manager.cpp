@@ -57,7 +57,7 @@ bool LogManager::first() {
   return cursor != channels.end();
 }
 
-bool LogManager::next() { return ++cursor != channels.end(); }
+bool LogManager::next() { return cursor != channels.end() && ++cursor != channels.end(); }
 
 std::string LogManager::priorityName(const int& priority) { return log4cpp::Priority::getPriorityName(priority); }
 

@@ -1,20 +1,7 @@
 #include "monitor/config_records.h"
 
-ConfigRecords::ConfigRecords(const char* path) : file(fopen64(path, "re")) {}
-
-ConfigRecords::~ConfigRecords() {
-  if (file != nullptr) std::fclose(file);
-}
-
-bool ConfigRecords::next(std::string& key, std::string& value) {
-  const bool separated = readUpTo('=', key);
-  if (!separated && key.empty()) return false;
-  if (separated) readUpTo('\n', value);
-  return true;
-}
-
 // Reads what stands before the delimiter and takes the delimiter too; true when there was one.
-bool ConfigRecords::readUpTo(int delimiter, std::string& piece) {
+static bool readUpTo(std::FILE* file, int delimiter, std::string& piece) {
   piece.clear();
   int byte = std::fgetc(file);
   while (byte != EOF && byte != delimiter) {
@@ -22,4 +9,11 @@ bool ConfigRecords::readUpTo(int delimiter, std::string& piece) {
     byte = std::fgetc(file);
   }
   return byte == delimiter;
+}
+
+bool readRecord(std::FILE* file, std::string& key, std::string& value) {
+  const bool separated = readUpTo(file, '=', key);
+  if (!separated && key.empty()) return false;
+  if (separated) readUpTo(file, '\n', value);
+  return true;
 }

@@ -43,7 +43,7 @@ void checkService(const std::string& service) {
   if (findProcess(service.c_str()) != -1 || mustStayDead(service)) return;
   messagesChannel.error() << "HubKeeper: service " << service << " has stopped running";
   const std::string command = service + "&";
-  // With the "&" only a shell that could not be started is told from success.
+  // With the "&", only a child that could not be made is told from success.
   if (std::system(command.c_str()) != -1) messagesChannel.info() << "Successfully restarted " << service;
 }
 

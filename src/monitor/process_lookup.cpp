@@ -15,9 +15,9 @@ namespace {
 bool runsAs(long id, const char* name) {
   char text[512];  // first the path, then what stands there
   std::snprintf(text, sizeof text, "/proc/%ld/cmdline", id);
-  std::FILE* file = openFile(text, "r");
+  std::FILE* file = openFile(text, "re");
   if (file == nullptr) return false;
-  // The arguments are separated by NUL bytes, so what follows the first of them is not seen.
+  // A NUL byte ends each argument, so nothing but the first argument is seen.
   const bool read = std::fgets(text, sizeof text, file) != nullptr;
   const char* argument = read ? std::strtok(text, " ") : nullptr;
   const bool matches = argument != nullptr && std::strcmp(argument, name) == 0;

@@ -78,8 +78,8 @@ Trap explainUnknown(const std::string& key, std::size_t line) {
 Verdict judge(const std::string& path) {
   std::ifstream file(path, std::ios::binary);
   const std::string content{std::istreambuf_iterator<char>(file), {}};
-  ConfigRecords records(path.c_str());
-  if (!file || !records.isOpen()) throw Failure(fmt::format("cannot open {}: {}", path, std::strerror(errno)));
+  const std::unique_ptr<std::FILE, int (*)(std::FILE*)> records(std::fopen(path.c_str(), "re"), std::fclose);
+  if (!file || !records) throw Failure(fmt::format("cannot open {}: {}", path, std::strerror(errno)));
 
   Verdict verdict;
   std::string key, value;
@@ -88,7 +88,7 @@ Verdict judge(const std::string& path) {
     return 1 + static_cast<std::size_t>(
                    std::count(content.begin(), content.begin() + static_cast<std::ptrdiff_t>(place), '\n'));
   };
-  while (records.next(key, value)) {
+  while (readRecord(records.get(), key, value)) {
     const bool tail = offset + key.size() >= content.size();  // text without "=", which repeats the last value
     const std::size_t line = lineAt(tail ? offset : offset + key.size());
     const auto trap = [&](bool unwatched, std::string text) {
