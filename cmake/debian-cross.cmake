@@ -5,8 +5,6 @@ set(CMAKE_SYSTEM_PROCESSOR ${HUBKEEPER_PROCESSOR})
 set(CMAKE_LIBRARY_ARCHITECTURE ${HUBKEEPER_TRIPLET})
 set(CMAKE_CXX_COMPILER ${HUBKEEPER_TRIPLET}-g++)
 set(CPACK_DEBIAN_PACKAGE_ARCHITECTURE ${HUBKEEPER_ARCH})
-# Programs run here only under the emulator, which finds the target's loader and C library by -L.
-set(CMAKE_CROSSCOMPILING_EMULATOR ${HUBKEEPER_QEMU};-L;/usr/${HUBKEEPER_TRIPLET})
 
 get_filename_component(HUBKEEPER_SYSROOT ${CMAKE_CURRENT_LIST_DIR}/../.cache/sysroot/${HUBKEEPER_ARCH} ABSOLUTE)
 if(NOT EXISTS ${HUBKEEPER_SYSROOT}/.packages)
@@ -19,3 +17,9 @@ set(CMAKE_FIND_ROOT_PATH_MODE_INCLUDE ONLY)
 set(CMAKE_FIND_ROOT_PATH_MODE_PACKAGE ONLY)
 set(ENV{PKG_CONFIG_SYSROOT_DIR} ${HUBKEEPER_SYSROOT})
 set(ENV{PKG_CONFIG_LIBDIR} ${HUBKEEPER_SYSROOT}/usr/lib/${HUBKEEPER_TRIPLET}/pkgconfig)
+
+# Programs run here only under the emulator, which finds the target's loader and C library by -L. No path of this checkout
+# goes into them for the rest (CMAKE_SKIP_RPATH), so that what is packaged is the same wherever it was built.
+set(CMAKE_SKIP_RPATH ON)
+set(CMAKE_CROSSCOMPILING_EMULATOR
+  ${HUBKEEPER_QEMU};-L;/usr/${HUBKEEPER_TRIPLET};-E;LD_LIBRARY_PATH=${HUBKEEPER_SYSROOT}/usr/lib/${HUBKEEPER_TRIPLET})
