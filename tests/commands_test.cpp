@@ -3,6 +3,7 @@
 
 #include "commands/clocksteward_switch.h"
 #include "commands/file_transfer.h"
+#include "hub/queues.h"
 #include "support.h"
 
 namespace {
@@ -87,15 +88,32 @@ TEST_F(Commands, TransferStepsThatFailEndTheProcess) {
 )");
 }
 
+TEST_F(Commands, TransferOperationsHoldTheirOwnBounds) {
+  const std::uint8_t packet[600] = {0x58, 0x02, 7, 0, 0x70, 't', 'm', 'p', '/', 'x'};
+  for (const std::uint16_t length : std::initializer_list<std::uint16_t>{0, 4, 513, 600}) {
+    handleTransferStart(packet, length);
+    handleTransferEnd(packet, length);
+    EXPECT_EQ(transferActive, 0) << length;
+  }
+  handleTransferStart(packet, 11);
+  for (const std::uint16_t length : std::initializer_list<std::uint16_t>{0, 4}) handleTransferChunk(packet, length);
+  EXPECT_EQ(drain('S'), Lines{Bytes(packet, packet + 11)});
+  EXPECT_FALSE(sendMessage(chroniclerSend, packet, 513));
+  EXPECT_EQ(drain('L').size() + chroniclerFailures, 0U);
+  EXPECT_EQ(log(), Lines{});
+  EXPECT_EQ(transferFileName, "tmp/x");
+}
+
 TEST_F(Commands, SwitchAndNotices) {
   play(R"(
 75 75 21             | .75 .75 .21 C 21         | W Clocksteward application has been disabled | W ..disabled)");
-  EXPECT_EQ(clockstewardEnabled.load(), 0);
+  EXPECT_EQ(clockstewardEnabled, 0);
   play(R"(
 76:900               | .76                      | W Clocksteward application has been enabled | F ..900 and remaining bundle size is 5
 76                   | .76                      | W ..enabled
 state 0102           | =\02\01
 state ffff           | =\ff\ff
+state 10000          | =\00\00
 state 0              |   | E HubKeeper: ARM not allowed to set it's own state to 0, kWirepathArmState_RESET
 $ touch /var/staging/Vfirst => package 0 | 87@0"Vfirst"
 $ mv /var/staging/Vfirst /var/staging/lastV => package 1 | 8a@0"lastV"
@@ -103,7 +121,7 @@ package -1           | 8a@0"lastV"
 $ mv /var/staging/lastV /var/staging/vlow => package 1 | 8a@0"vlow"  | E HubKeeper ERROR: No valid package in directory: /var/staging/
 $ rm -r /var/staging => package 0 | 87@0 | E HubKeeper ERROR: No such directory: /var/staging/
 )");
-  EXPECT_EQ(clockstewardEnabled.load(), 1);
+  EXPECT_EQ(clockstewardEnabled, 1);
 }
 
 }  // namespace

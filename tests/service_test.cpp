@@ -150,6 +150,16 @@ TEST(Process, ReceivesWhateverComes) {
   EXPECT_EQ(logged("ERROR HubKeeper: msgrcv inbound failed, sizeReceived = -1"), 1);
 }
 
+TEST(Process, ServesWhatStandsInForAMessageThatWasTooLong) {
+  // Each receive says that the message is too long, but somebody else takes it before the service does.
+  const Service service(HASTY, "msgrcv:0:7:20");
+  sendBundle("");
+  sendBundle(text("fe\"x{8187}\""));
+  EXPECT_EQ(drain('R', 1), Lines{"\xFE"});
+  EXPECT_TRUE(eventually([&] { return logged("ERROR bad opcode: fe") == 1; }));
+  EXPECT_EQ(logged("ERROR HubKeeper: Received a queue message of size 0 on inbound queue"), 1);
+}
+
 TEST_F(InProcess, ReadsTheConfigurationToTheLetter) {
   // The file, the services, what becomes of a debug switch that is on, and the records logged, with ! those not known.
   const std::string table = R"(

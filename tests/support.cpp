@@ -83,7 +83,7 @@ bool like(const Lines& lines, const Lines& wanted) {
 static void perform(const std::string& step) {
   const Lines word = words(step);
   if (word[0] == "package") return sendSwPackage(std::stoi(word[1]));
-  if (word[0] == "state") return void(setState(static_cast<std::uint16_t>(std::stoi(word[1], nullptr, 16))));
+  if (word[0] == "state") return void(setState(std::stoi(word[1], nullptr, 16)));
   Bytes bundle;
   for (const Bytes& one : texts(step)) bundle += one;
   walk(bundle);

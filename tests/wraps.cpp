@@ -2,6 +2,7 @@
 #include <dirent.h>
 #include <pthread.h>
 #include <sys/ipc.h>
+#include <sys/types.h>
 #include <unistd.h>
 
 #include <atomic>
@@ -58,6 +59,12 @@ WRAP(int, pthread_create, errno, (pthread_t * id, const pthread_attr_t* a, void*
      (id, a, run, arg))
 WRAP(int, pthread_cancel, errno, (pthread_t id), (id))
 WRAP(int, clock_nanosleep, errno, (clockid_t c, int flags, const timespec* t, timespec* rest), (c, flags, t, rest))
+
+extern "C" ssize_t __real_msgrcv(int id, void* message, std::size_t size, long type, int flags);
+extern "C" ssize_t __wrap_msgrcv(int id, void* message, std::size_t size, long type, int flags) {
+  const int error = flags == 0 ? fault("msgrcv") : 0;  // only a receive that waits
+  return error != 0 ? errno = error, -1 : __real_msgrcv(id, message, size, type, flags);
+}
 
 extern "C" unsigned __wrap_sleep(unsigned seconds) {
   std::ofstream(sleepLog, std::ios::app) << "slept " << seconds << "\n";

@@ -1,19 +1,22 @@
 #include "commands/clocksteward_switch.h"
 
+#include <atomic>
 #include <cstdlib>
 
 #include "logging/log_channel.h"
 
-std::atomic<std::uint8_t> clockstewardEnabled{1};
+std::uint8_t clockstewardEnabled = 1;
+
+static void allow(std::uint8_t value) { std::atomic_ref(clockstewardEnabled).store(value, std::memory_order_relaxed); }
 
 void handleClockstewardDisable() {
   messagesChannel.warn() << "Clocksteward application has been disabled";
   // Before the kill, or the monitor could restart it in between.
-  clockstewardEnabled.store(0, std::memory_order_relaxed);
+  allow(0);
   static_cast<void>(std::system("pkill clocksteward &"));
 }
 
 void handleClockstewardEnable() {
   messagesChannel.warn() << "Clocksteward application has been enabled";
-  clockstewardEnabled.store(1, std::memory_order_relaxed);
+  allow(1);
 }

@@ -3,28 +3,22 @@
 #include <fcntl.h>
 #include <unistd.h>
 
-#include <cstdio>
-#include <string>
-
 #include "hub/end_process.h"
 #include "hub/files.h"
 #include "hub/packet.h"
 #include "hub/queues.h"
 #include "logging/log_channel.h"
 
-namespace {
+std::uint8_t transferActive = 0;
+std::FILE* transferFile = nullptr;
+std::string transferFileName;
 
-std::uint8_t transferActive = 0;    // 1 from an accepted start to the next end
-std::FILE* transferFile = nullptr;  // null: no open stream
-std::string transferFileName;       // from the latest accepted start
-
-bool transferFileIsOpen() { return transferFile != nullptr && fcntl(fileno(transferFile), F_GETFD) != -1; }
-
-}  // namespace
+static bool transferFileIsOpen() { return transferFile != nullptr && fcntl(fileno(transferFile), F_GETFD) != -1; }
 
 void openTransferPlaceholder() { transferFile = openFile("bad_file", "ab+"); }
 
 void handleTransferStart(const std::uint8_t* packet, std::uint16_t length) {
+  if (!wholeFrame.hold(length)) return;
   if (transferActive == 1) {
     messagesChannel.error() << "HubKeeper: Two transfers started";
     return;
@@ -42,6 +36,7 @@ void handleTransferStart(const std::uint8_t* packet, std::uint16_t length) {
 }
 
 void handleTransferChunk(const std::uint8_t* packet, std::uint16_t length) {
+  if (!wholeInBundle.hold(length)) return;
   if (!transferFileIsOpen() || transferActive == 0) {
     messagesChannel.error() << "HubKeeper: Tried to write bad app file";
     return;
@@ -51,6 +46,7 @@ void handleTransferChunk(const std::uint8_t* packet, std::uint16_t length) {
 }
 
 void handleTransferEnd(const std::uint8_t* packet, std::uint16_t length) {
+  if (!wholeFrame.hold(length)) return;
   sleep(1);  // before any test, also for a stray end Packet
   transferActive = 0;
   if (transferFileIsOpen()) {

@@ -4,12 +4,19 @@
 #pragma once
 
 #include <cstdint>
+#include <cstdio>
+#include <string>
+
+// Written by the operations below alone.
+extern std::uint8_t transferActive;   // 1 from an accepted start to the next end
+extern std::FILE* transferFile;       // null: no open stream
+extern std::string transferFileName;  // from the latest accepted start
 
 /// Opens "bad_file" in the working directory as the file of no transfer. A failure is not looked at.
 void openTransferPlaceholder();
 
-// Each takes a Packet of `length` bytes, header included, that lies whole within what was received; start and end
-// Packets have at most 512 bytes.
+// Each takes a Packet of `length` bytes, header included, that lies whole within what was received. A length under 5,
+// and for a start or an end one over 512, is dropped: nothing is touched, and no second is spent.
 
 /// Opens the named file, created or emptied, and tells Stagehand. A file that cannot be opened ends the process. A
 /// start during a transfer is logged and dropped.

@@ -21,7 +21,7 @@ std::string findPackageName() {
   }
   bool found = false;
   while (!found) {
-    const dirent* entry = readdir(directory);
+    const dirent64* entry = readdir64(directory);  // readdir(3) refuses large inode numbers on 32 bits
     if (entry == nullptr) break;
     name = entry->d_name;
     found = name.find('V') != std::string::npos;
@@ -33,12 +33,12 @@ std::string findPackageName() {
 
 }  // namespace
 
-int setState(std::uint16_t state) {
+int setState(int state) {
   if (state == kWirepathArmState_RESET) {
     messagesChannel.error() << "HubKeeper: ARM not allowed to set it's own state to 0, kWirepathArmState_RESET";
     return 0;
   }
-  const std::uint8_t text[2] = {static_cast<std::uint8_t>(state & 0xFF), static_cast<std::uint8_t>(state >> 8)};
+  const std::uint8_t text[2] = {static_cast<std::uint8_t>(state & 0xFF), static_cast<std::uint8_t>(state >> 8 & 0xFF)};
   return sendMessage(stateNoticeSend, text, sizeof text) ? 1 : 0;
 }
 

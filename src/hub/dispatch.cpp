@@ -1,6 +1,6 @@
 #include "hub/dispatch.h"
 
-#include <cstdio>
+#include <charconv>
 
 #include "commands/clocksteward_switch.h"
 #include "commands/file_transfer.h"
@@ -18,14 +18,6 @@ struct Received {
   PacketHeader header;
 };
 
-// The lengths with which a Packet may be acted upon; whatever they are, it must not run past its Bundle.
-struct Lengths {
-  std::uint16_t least;
-  std::uint16_t most;
-};
-constexpr Lengths anyFrame{0, frameTextSize};  // a forward sends even a header cut short, as it came
-constexpr Lengths wholeFrame{packetHeaderSize, frameTextSize};
-constexpr Lengths wholeBundle{packetHeaderSize, bundleTextSize};
 constexpr const Lengths* unjudged = nullptr;  // the Packet's length plays no part
 
 struct Route {
@@ -67,13 +59,24 @@ constexpr Route routes[] = {
     {opcodeCommand, opcodeCommand, unjudged, runCommand},
     {opcodeTransferStart, opcodeTransferStart, &wholeFrame,
      [](const Received& r) { handleTransferStart(r.packet, r.header.length); }},
-    {opcodeTransferChunk, opcodeTransferChunk, &wholeBundle,
+    {opcodeTransferChunk, opcodeTransferChunk, &wholeInBundle,
      [](const Received& r) { handleTransferChunk(r.packet, r.header.length); }},
     {opcodeTransferEnd, opcodeTransferEnd, &wholeFrame,
      [](const Received& r) { handleTransferEnd(r.packet, r.header.length); }},
     {opcodeClockstewardOff, opcodeClockstewardOff, unjudged, [](const Received&) { handleClockstewardDisable(); }},
     {opcodeClockstewardOn, opcodeClockstewardOn, unjudged, [](const Received&) { handleClockstewardEnable(); }},
 };
+
+struct HexText {
+  char digits[3];
+};
+
+// In lower case, without prefix and leading zero.
+HexText hexText(std::uint8_t number) {
+  HexText text{};
+  std::to_chars(text.digits, text.digits + 2, number, 16);
+  return text;
+}
 
 const Route* findRoute(std::uint8_t opcode) {
   for (const Route& route : routes) {
@@ -85,7 +88,7 @@ const Route* findRoute(std::uint8_t opcode) {
 bool lengthHolds(const Route& route, const Received& received) {
   if (route.lengths == nullptr) return true;
   const std::uint16_t length = received.header.length;
-  return length >= route.lengths->least && length <= route.lengths->most && length <= received.remaining;
+  return route.lengths->hold(length) && length <= received.remaining;
 }
 
 }  // namespace
@@ -96,15 +99,13 @@ void dispatchPacket(const std::uint8_t* packet, std::uint16_t remaining) {
   sendMessage(bounceSend, &header.opcode, 1);
 
   const Route* route = findRoute(header.opcode);
-  char line[128];
   if (route == nullptr) {
-    std::snprintf(line, sizeof line, "bad opcode: %x", header.opcode);
-    messagesChannel.error() << line;
+    messagesChannel.error() << "bad opcode: " << hexText(header.opcode).digits;
   } else if (!lengthHolds(*route, received)) {
     // Dropped whole: a Packet cut short is not the Packet that was meant.
-    std::snprintf(line, sizeof line, "HubKeeper: Packet dropped, opcode %x, length %u, remaining bundle size %u",
-                  header.opcode, header.length, remaining);
-    messagesChannel.error() << line;
+    messagesChannel.error() << "HubKeeper: Packet dropped, opcode " << hexText(header.opcode).digits << ", length "
+                            << static_cast<int>(header.length) << ", remaining bundle size "
+                            << static_cast<int>(remaining);
   } else {
     route->act(received);
   }

@@ -4,7 +4,7 @@
 
 #include <cerrno>
 
-/// Flushes standard output and ends the process with status 1, from any thread.
+/// Ends the process by exit(3) with status 1, from any thread; nothing but standard output is flushed.
 [[noreturn]] void endProcess();
 
 /// Logs `line` at ERROR, writes `cause` and the text of `error` to standard error as perror(3) does, and ends the

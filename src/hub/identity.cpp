@@ -5,7 +5,7 @@
 #include "hub/files.h"
 #include "logging/log_channel.h"
 
-static const std::string versionFilePath = "/usr/local/bin/AppVersionFile.txt";
+const std::string versionFilePath = "/usr/local/bin/AppVersionFile.txt";
 
 std::int32_t stampVersion(const std::string& version) {
   messagesChannel.info() << "HubKeeper: " << version;

@@ -5,6 +5,9 @@
 #include <cstdint>
 #include <string>
 
+/// Where stampVersion leaves its line; written by nobody.
+extern const std::string versionFilePath;
+
 /// Logs the version and appends it as a line to the version file; always returns 0. Runs on the main thread before any
 /// other thread exists.
 std::int32_t stampVersion(const std::string& version);

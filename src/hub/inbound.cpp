@@ -19,24 +19,33 @@ struct ReceiveArea {
   std::uint8_t mtext[bundleTextSize];
 };
 
-// A message longer than the area fails every receive and stays where it is; taking it off cut short, unread, makes it
-// cost one failure line and not an endless loop.
-void discardOversized(ReceiveArea& area) {
-  static_cast<void>(msgrcv(inboundQueue, &area, sizeof area.mtext, 0, MSG_NOERROR | IPC_NOWAIT));
+void takeBundle(const std::uint8_t* text, ssize_t size) {
+  if (size == 0) {
+    messagesChannel.error() << "HubKeeper: Received a queue message of size 0 on inbound queue";
+  } else {
+    walkBundle(text, static_cast<std::uint16_t>(size));
+  }
+}
+
+// A message longer than the receive area fails every receive and stays where it is; taking it off cut short, unread,
+// makes it cost one failure line and not an endless loop. Somebody else may have taken it meanwhile: what comes then
+// and leaves the byte of room that this buffer has more is a whole Bundle, and no less welcome.
+void discardOversized() {
+  struct {
+    long mtype;
+    std::uint8_t mtext[bundleTextSize + 1];
+  } area;
+  const ssize_t size = msgrcv(inboundQueue, &area, sizeof area.mtext, 0, MSG_NOERROR | IPC_NOWAIT);
+  if (size >= 0 && size <= bundleTextSize) takeBundle(area.mtext, size);
 }
 
 void receiveBundle(ReceiveArea& area) {
   const ssize_t received = msgrcv(inboundQueue, &area, sizeof area.mtext, 0, 0);
-  if (received > 0) {
-    walkBundle(area.mtext, static_cast<std::uint16_t>(received));
-  } else if (received == 0) {
-    messagesChannel.error() << "HubKeeper: Received a queue message of size 0 on inbound queue";
-  } else {
-    const int reason = errno;
-    messagesChannel.error() << "HubKeeper: msgrcv inbound failed, sizeReceived = " << static_cast<int>(received);
-    if (reopenInboundQueue() == -1) messagesChannel.error() << "Failed recreating the que";
-    if (reason == E2BIG) discardOversized(area);
-  }
+  if (received >= 0) return takeBundle(area.mtext, received);
+  const int reason = errno;
+  messagesChannel.error() << "HubKeeper: msgrcv inbound failed, sizeReceived = " << static_cast<int>(received);
+  if (reopenInboundQueue() == -1) messagesChannel.error() << "Failed recreating the que";
+  if (reason == E2BIG) discardOversized();
 }
 
 }  // namespace

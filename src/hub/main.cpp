@@ -5,25 +5,18 @@
 #include <time.h>
 #include <unistd.h>
 
-#include <cstdint>
 #include <cstdio>
-#include <string>
 
 #include "hub/end_process.h"
 #include "hub/identity.h"
+#include "hub/settings.h"
 #include "hub/threads.h"
 #include "logging/log_channel.h"
 #include "logging/log_manager.h"
 
 namespace {
 
-const std::string appVersion = HUBKEEPER_VERSION;
-constexpr std::int32_t defaultLogPriority = 400;   // WARN
-constexpr std::int32_t messagesLogPriority = 600;  // INFO
-const std::string logPattern = "%p %d{%d %b %Y %X} %m %n";
-const std::string logDirectory = "/media/data";
-constexpr bool logToFile = true;
-constexpr bool logToConsole = true;
+constexpr int messagesLogPriority = 600;  // INFO
 
 // A closed one would go to the next file that is opened. Lines for the console would then stand twice in the log, and
 // those of perror(3) in a file that Ridgelink transfers.

@@ -53,6 +53,16 @@ constexpr bool fitsBundle(std::uint16_t length, std::uint16_t remaining) {
   return length >= packetHeaderSize && length <= remaining;
 }
 
+/// The lengths with which a Packet may be acted upon, both included.
+struct Lengths {
+  std::uint16_t least;
+  std::uint16_t most;
+  constexpr bool hold(std::uint16_t length) const { return length >= least && length <= most; }
+};
+constexpr Lengths anyFrame{0, frameTextSize};  // a forward sends even a header cut short, as it came
+constexpr Lengths wholeFrame{packetHeaderSize, frameTextSize};
+constexpr Lengths wholeInBundle{packetHeaderSize, 0xFFFF};
+
 /// Builds a Packet in `buffer`, which holds at least 512 bytes; what lies behind a short Packet is zero. The caller
 /// sets `*lengthWord` to 512 right before each call and reads the Packet's length from it afterwards. `payload` may be
 /// null when `payloadLength` is 0. Returns 1, or 0 without touching anything when the buffer is null, the payload's

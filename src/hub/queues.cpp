@@ -181,6 +181,7 @@ const SendKind stateNoticeSend{
 
 bool sendMessage(const SendKind& kind, const std::uint8_t* text, std::uint16_t size) {
   constexpr std::uint32_t lastLogged = 15;
+  if (size > frameTextSize) return false;
   QueueMessage ownFrame;
   QueueMessage& frame = kind.frame != nullptr ? *kind.frame : ownFrame;
   std::memset(&frame, 0, sizeof frame);

@@ -60,8 +60,9 @@ extern const SendKind transferEndSend;
 extern const SendKind packageNoticeSend;
 extern const SendKind stateNoticeSend;
 
-/// Sends `size` bytes, at most 512, as one message of that kind, without waiting. A message that cannot be sent is
-/// dropped and the queue opened anew; the kind tells what is counted and logged. True when it went out.
+/// Sends `size` bytes as one message of that kind, without waiting. A message that cannot be sent is dropped and the
+/// queue opened anew; the kind tells what is counted and logged. More than 512 bytes are refused, with no trace but the
+/// result. True when the message went out.
 bool sendMessage(const SendKind& kind, const std::uint8_t* text, std::uint16_t size);
 
 /// Builds a Packet from `payloadLength` bytes, at most 507, and sends it. False when it was refused or did not go out.

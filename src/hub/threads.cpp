@@ -1,32 +1,24 @@
 #include "hub/threads.h"
 
-#include <pthread.h>
-#include <sched.h>
-
-#include <cstdint>
 #include <initializer_list>
 
 #include "hub/end_process.h"
 #include "hub/inbound.h"
 #include "monitor/monitor.h"
 
-namespace {
-
 pthread_t inboundThreadId;
 pthread_t monitorThreadId;
 pthread_attr_t inboundAttr;
 pthread_attr_t monitorAttr;
-std::int32_t inboundStatus;  // the result of the latest operation on that thread
+std::int32_t inboundStatus;
 std::int32_t monitorStatus;
 std::int32_t maxPriority;
 sched_param schedParam;
 
 // The pthread functions return their error number and leave errno alone.
-void require(std::int32_t status, const char* line, const char* cause) {
+static void require(std::int32_t status, const char* line, const char* cause) {
   if (status != 0) endAfterFailure(line, cause, status);
 }
-
-}  // namespace
 
 void initThreadAttributes() {
   for (pthread_attr_t* attributes : {&inboundAttr, &monitorAttr}) {

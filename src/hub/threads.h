@@ -2,6 +2,21 @@
 // step that fails logs its line, writes to standard error as perror(3) does and ends the process with status 1.
 #pragma once
 
+#include <pthread.h>
+#include <sched.h>
+
+#include <cstdint>
+
+// All of this is written on the main thread, by the steps below; the ids are read by cancelThreads alone.
+extern pthread_t inboundThreadId;
+extern pthread_t monitorThreadId;
+extern pthread_attr_t inboundAttr;  // live from initThreadAttributes to destroyThreadAttributes
+extern pthread_attr_t monitorAttr;
+extern std::int32_t inboundStatus;  // what the latest operation on that thread returned
+extern std::int32_t monitorStatus;
+extern std::int32_t maxPriority;  // of SCHED_RR
+extern sched_param schedParam;    // holds maxPriority
+
 void initThreadAttributes();
 void setThreadScheduling();
 /// Starts the inbound thread, then the monitor thread, both detached.

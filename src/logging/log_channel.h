@@ -22,14 +22,14 @@ class LogChannel {
   LogChannel& operator=(const LogChannel& other) = default;
   ~LogChannel() = default;
 
-  [[nodiscard]] LogStream debug() const;
-  [[nodiscard]] LogStream info() const;
-  [[nodiscard]] LogStream warn() const;
-  [[nodiscard]] LogStream error() const;
-  [[nodiscard]] LogStream alert() const;
-  [[nodiscard]] LogStream fatal() const;
+  LogStream debug() const;
+  LogStream info() const;
+  LogStream warn() const;
+  LogStream error() const;
+  LogStream alert() const;
+  LogStream fatal() const;
   /// The stream of exactly that priority (0, 100, 300, 400, 600, 700); any other number yields the DEBUG stream.
-  [[nodiscard]] LogStream stream(const int& priority) const;
+  LogStream stream(const int& priority) const;
 
   [[nodiscard]] std::string getName() const { return name; }
   [[nodiscard]] std::string getPattern() const { return pattern; }

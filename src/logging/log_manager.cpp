@@ -5,7 +5,8 @@
 LogManager::LogManager() : priority(log4cpp::Priority::WARN) {}
 
 LogManager* LogManager::getInstance() {
-  static auto* manager = new LogManager;
+  static LogManager* manager = nullptr;
+  if (manager == nullptr) manager = new LogManager;
   return manager;
 }
 

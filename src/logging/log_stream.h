@@ -20,9 +20,11 @@ class LogStream {
   /// Sends what was inserted; a stream that received nothing, not even an empty string, logs nothing.
   virtual ~LogStream();
 
+  /// Inserts as the standard stream does.
   template <typename T>
   LogStream& operator<<(const T& value) {
-    if constexpr (std::is_convertible_v<const T&, const char*>) {
+    using Decayed = std::decay_t<const T>;
+    if constexpr (std::is_same_v<Decayed, const char*> || std::is_same_v<Decayed, char*>) {
       insert(value);  // one piece of code for string literals of every length
     } else {
       text() << value;

@@ -2,6 +2,7 @@
 
 #include <unistd.h>
 
+#include <atomic>
 #include <cstdlib>
 #include <string>
 #include <vector>
@@ -36,7 +37,8 @@ bool readServices(std::vector<std::string>& services) {
 }
 
 bool mustStayDead(const std::string& service) {
-  return service.find("clocksteward") != std::string::npos && clockstewardEnabled.load(std::memory_order_relaxed) == 0;
+  return service.find("clocksteward") != std::string::npos &&
+         std::atomic_ref(clockstewardEnabled).load(std::memory_order_relaxed) == 0;
 }
 
 void checkService(const std::string& service) {

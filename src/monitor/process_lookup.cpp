@@ -38,7 +38,7 @@ long findProcess(const char* name) {
   }
   long found = -1;
   while (found == -1) {
-    const dirent* entry = readdir(directory);
+    const dirent64* entry = readdir64(directory);  // readdir(3) refuses large inode numbers on 32 bits
     if (entry == nullptr) break;
     char* end = nullptr;
     const long id = std::strtol(entry->d_name, &end, 10);
