@@ -97,10 +97,12 @@ TEST_F(Commands, TransferOperationsHoldTheirOwnBounds) {
   }
   handleTransferStart(packet, 11);
   for (const std::uint16_t length : std::initializer_list<std::uint16_t>{0, 4}) handleTransferChunk(packet, length);
-  EXPECT_EQ(drain('S'), Lines{Bytes(packet, packet + 11)});
+  handleTransferEnd(packet, 11);
+  EXPECT_EQ(readFile("/tmp/x"), "");
+  EXPECT_EQ(drain('S'), Lines(2, Bytes(packet, packet + 11)));
   EXPECT_FALSE(sendMessage(chroniclerSend, packet, 513));
   EXPECT_EQ(drain('L').size() + chroniclerFailures, 0U);
-  EXPECT_EQ(log(), Lines{});
+  EXPECT_EQ(log(), Lines{"slept 1"});
   EXPECT_EQ(transferFileName, "tmp/x");
 }
 

@@ -131,6 +131,7 @@ TEST(Process, EndsInOrderWhileOtherThreadsLog) {
     std::string printed;
     for (char piece[4096]; fgets(piece, sizeof piece, output) != nullptr;) printed += piece;
     ASSERT_EQ(pclose(output), 1 << 8) << printed;
+    ASSERT_EQ(printed.find("torn down"), printed.npos) << printed;
     ASSERT_NE(printed.find(" HubKeeper: clock_nanosleep failed for main \n"), std::string::npos) << printed;
   }
 }

@@ -7,6 +7,7 @@
 
 #include <atomic>
 #include <cstdio>
+#include <cstdlib>
 #include <fstream>
 
 #include "support.h"
@@ -27,6 +28,7 @@ int faultError;
   if (plan == nullptr || std::sscanf(plan, "%63[^:]:%d:%d:%d", call, &skip, &error, &millisecondsPerSecond) < 3)
     return false;
   planFault(call, skip, error);
+  std::atexit([] { std::puts("torn down"); });  // must not be seen: the end leaves before any destructor
   return true;
 }();
 
@@ -55,10 +57,16 @@ WRAP(int, sched_get_priority_max, -1, (int policy), (policy))
 WRAP(int, pthread_attr_setschedparam, errno, (pthread_attr_t * a, const sched_param* p), (a, p))
 WRAP(int, pthread_attr_setdetachstate, errno, (pthread_attr_t * a, int state), (a, state))
 WRAP(int, pthread_attr_destroy, errno, (pthread_attr_t * a), (a))
-WRAP(int, pthread_create, errno, (pthread_t * id, const pthread_attr_t* a, void* (*run)(void*), void* arg),
-     (id, a, run, arg))
 WRAP(int, pthread_cancel, errno, (pthread_t id), (id))
 WRAP(int, clock_nanosleep, errno, (clockid_t c, int flags, const timespec* t, timespec* rest), (c, flags, t, rest))
+
+extern "C" int __real_pthread_create(pthread_t* id, const pthread_attr_t* a, void* (*run)(void*), void* argument);
+extern "C" int __wrap_pthread_create(pthread_t* id, const pthread_attr_t* a, void* (*run)(void*), void* argument) {
+  if (const int error = fault("pthread_create")) return error;
+  // A thread that is cancelled while it logs takes the process down with it.
+  if (faultyCall == "pthread_cancel") run = [](void*) -> void* { return pause(), nullptr; };
+  return __real_pthread_create(id, a, run, argument);
+}
 
 extern "C" ssize_t __real_msgrcv(int id, void* message, std::size_t size, long type, int flags);
 extern "C" ssize_t __wrap_msgrcv(int id, void* message, std::size_t size, long type, int flags) {
