@@ -3,7 +3,10 @@
 // hits both alike. Times are the inbound thread's CPU time: a batch is queued while the process is stopped and measured
 // from its release until the thread waits again.
 //
-//   scripts/sandbox build/bench/bench/bench [ROUNDS]
+//   scripts/sandbox build/release/bench/bench [ROUNDS [OTHER]]
+//
+// With another build of the service as OTHER, that one stands beside it in place of the bare loops, in an IPC namespace of
+// its own, and there are no goals. That takes root.
 
 #include <sched.h>
 
@@ -15,6 +18,8 @@ const std::string here = std::filesystem::read_symlink("/proc/self/exe").parent_
 const std::string hubkeeper = here + "/../src/hubkeeper";
 const std::string bare = here + "/bare";
 std::size_t rounds = 200;
+std::string other;  // the other build, or empty
+int spaces[2];      // IPC namespaces: this build's, and where its counterpart runs
 
 using Words = std::vector<std::string>;
 
@@ -61,22 +66,49 @@ double roundTrip(const Queues& queues, const std::string& heartbeat) {
   return nanoseconds() - begin;
 }
 
+void enter(int side) {
+  if (!other.empty() && setns(spaces[side], CLONE_NEWIPC) == -1) giveUp("setns");
+}
+
+int ownSpace() { return open("/proc/self/ns/ipc", O_RDONLY | O_CLOEXEC); }
+
+void makeSpaces() {
+  spaces[0] = ownSpace();
+  if (unshare(CLONE_NEWIPC) == -1) giveUp("an IPC namespace for the other build, which takes root");
+  spaces[1] = ownSpace();
+  enter(0);
+}
+
+// What stands beside the service: a bare loop under other keys, or the other build.
+Words counterpart(const Words& bareWords) { return other.empty() ? command(bare, bareWords) : Words{other}; }
+
+void printRow(const char* label, std::vector<double> hubCosts, std::vector<double> otherCosts,
+              std::vector<double> ratios, const char* goal) {
+  std::printf("%-44s %8.0f %8.0f %7.3f  %s\n", label, median(hubCosts), median(otherCosts), median(ratios),
+              other.empty() ? goal : "");
+  std::fflush(stdout);
+}
+
 template <typename Measure>
 void compare(const char* label, const char* goal, const Words& bareWords, double perUnit, Measure measure) {
   const Queues hubQueues;
-  const Queues bareQueues(5000);
-  const Subject hub(command(hubkeeper, {}));
-  const Subject loop(command(bare, bareWords));
-  hub.cpuWhenIdle(hubQueues), loop.cpuWhenIdle(bareQueues);
-  std::vector<double> hubCosts, bareCosts, ratios;
+  const Subject hub({hubkeeper});
+  hub.cpuWhenIdle(hubQueues);
+  enter(1);
+  const Queues otherQueues(other.empty() ? 5000 : 0);
+  const Subject beside(counterpart(bareWords));
+  beside.cpuWhenIdle(otherQueues);
+  std::vector<double> hubCosts, otherCosts, ratios;
   for (std::size_t round = 0; round < rounds + 5; ++round) {  // the first few warm up
+    enter(0);
     const double hubCost = measure(hub, hubQueues) / perUnit;
-    const double bareCost = measure(loop, bareQueues) / perUnit;
+    enter(1);
+    const double otherCost = measure(beside, otherQueues) / perUnit;
     if (round < 5) continue;
-    hubCosts.push_back(hubCost), bareCosts.push_back(bareCost), ratios.push_back(hubCost / bareCost);
+    hubCosts.push_back(hubCost), otherCosts.push_back(otherCost), ratios.push_back(hubCost / otherCost);
   }
-  std::printf("%-44s %8.0f %8.0f %7.3f  %s\n", label, median(hubCosts), median(bareCosts), median(ratios), goal);
-  std::fflush(stdout);
+  enter(0);
+  printRow(label, hubCosts, otherCosts, ratios, goal);
 }
 
 void compareCpu(const char* label, const char* goal, const Words& bareWords, const std::string& one, unsigned perBundle,
@@ -95,7 +127,7 @@ void compareStart() {
       Message message;
       queues.send(packet(0x04));
       const double begin = nanoseconds();
-      const Subject subject(side == 0 ? Words{hubkeeper} : Words{bare, "start"});
+      const Subject subject(side == 0 ? Words{hubkeeper} : counterpart({"start"}));
       queues.take(1003, message);
       queues.take(1003, message);
       cost[side] = nanoseconds() - begin;
@@ -103,8 +135,10 @@ void compareStart() {
     }
     ratios.push_back(cost[0] / cost[1]);
   }
-  std::printf("%-44s %8.0f %8.0f %7.3f  %s\n", "start to first answer, us", median(costs[0]) / 1000,
-              median(costs[1]) / 1000, median(ratios), "1.05");
+  for (std::vector<double>& side : costs) {
+    for (double& cost : side) cost /= 1000;
+  }
+  printRow("start to first answer, us", costs[0], costs[1], ratios, "1.05");
 }
 
 std::string outputOf(const std::string& line) {
@@ -126,13 +160,30 @@ void count(const char* label, const std::string& packets) {
   std::printf("%-44s %8.0f %8.2f\n", label, std::atof(collected.c_str()) / (8 * walks), allocations / (8 * walks));
 }
 
+void weigh(const std::string& program) {
+  const Queues queues;
+  const Subject hub({program});
+  hub.cpuWhenIdle(queues);
+  for (int i = 0; i < 1000; ++i) queues.send(times(packet(0x04), 8));
+  hub.cpuWhenIdle(queues);
+  const long resident = hub.memory("Rss");
+  const long anonymous = hub.memory("Anonymous");
+  std::printf("\n%s\nresident %ld kB, of it private anonymous %ld kB (goal 300)\n", program.c_str(), resident,
+              anonymous);
+  const std::string stripped = "/tmp/hubkeeper.stripped";
+  outputOf("strip -o " + stripped + " " + program);
+  std::printf("stripped executable %ju bytes (goal 69632)\n", std::filesystem::file_size(stripped));
+}
+
 }  // namespace
 
 int main(int words, char** word) {
   if (words > 1) rounds = std::strtoul(word[1], nullptr, 10);
+  if (words > 2) other = std::filesystem::absolute(word[2]), makeSpaces();
   const std::string heartbeat = packet(0x04);
 
-  std::printf("%-44s %8s %8s %7s  %s\n", "CPU nanoseconds", "hub", "bare", "ratio", "goal");
+  const char* const beside = other.empty() ? "bare" : "other";
+  std::printf("%-44s %8s %8s %7s  %s\n", "CPU nanoseconds", "hub", beside, "ratio", other.empty() ? "goal" : "");
   runOnCpu(1);  // the subjects inherit it: HubKeeper's share is largest where no other CPU has to be woken
   compareCpu("forwarded Packet of 32 bytes, full Bundles", "1.08", {"loop", "32", "1000", "32"},
              packet(0x01, std::string(27, 'x')), 256, 8);
@@ -140,7 +191,7 @@ int main(int words, char** word) {
              packet(0x01, std::string(507, 'x')), 16, 64);
   compareCpu("heartbeat, 8 in a Bundle", "1.12", {"loop", "5", "1003", "512"}, heartbeat, 8, 128);
   compareCpu("bad opcode, 8 in a Bundle", "1.15", {"log"}, packet(0xFF), 8, 64);
-  std::printf("\n%-44s %8s %8s %7s  %s\n", "elapsed", "hub", "bare", "ratio", "goal");
+  std::printf("\n%-44s %8s %8s %7s  %s\n", "elapsed", "hub", beside, "ratio", other.empty() ? "goal" : "");
   compare("round trip of a heartbeat, ns", "1.04", {"loop", "5", "1003", "512"}, 1,
           [&](const Subject&, const Queues& queues) {
             schedule(SCHED_BATCH);  // the bounce wakes this process, but the reply is sent before it runs
@@ -157,16 +208,7 @@ int main(int words, char** word) {
   count("heartbeat", "0x04 5");
   count("bad opcode", "0xFF 5");
 
-  const Queues queues;
-  const Subject hub(command(hubkeeper, {}));
-  hub.cpuWhenIdle(queues);
-  for (int i = 0; i < 1000; ++i) queues.send(times(heartbeat, 8));
-  hub.cpuWhenIdle(queues);
-  const long resident = hub.memory("Rss");
-  const long anonymous = hub.memory("Anonymous");
-  std::printf("\nresident %ld kB, of it private anonymous %ld kB (goal 300)\n", resident, anonymous);
-  const std::string stripped = "/tmp/hubkeeper.stripped";
-  outputOf("strip -o " + stripped + " " + hubkeeper);
-  std::printf("stripped executable %ju bytes (goal 65536)\n", std::filesystem::file_size(stripped));
+  weigh(hubkeeper);
+  if (!other.empty()) weigh(other);
   return 0;
 }
