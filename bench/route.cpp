@@ -9,6 +9,7 @@
 #include "common.h"
 #include "hub/inbound.h"
 #include "hub/queues.h"
+#include "hub/sends.h"
 #include "logging/log_channel.h"
 #include "logging/log_manager.h"
 

@@ -14,6 +14,7 @@
 #include "hub/inbound.h"
 #include "hub/packet.h"
 #include "hub/queues.h"
+#include "hub/sends.h"
 
 #define REQUIRE(condition) \
   if (!(condition)) (std::fprintf(stderr, "line %d: not so: %s\n", __LINE__, #condition), std::abort())
@@ -123,7 +124,7 @@ void __wrap_perror(const char*) {}
 void __wrap__exit(int) { REQUIRE("the process ended itself" == nullptr); }
 
 int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
-  if (size <= sizeof plan || size > sizeof plan + bundleTextSize) return 0;
+  if (size <= sizeof plan || size > sizeof plan + HUBKEEPER_BUNDLE_MAX) return 0;
   const std::size_t bundleSize = size - sizeof plan;
   std::memcpy(&plan, data + bundleSize, sizeof plan);
   responseSize = plan % sizeof response;

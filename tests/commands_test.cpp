@@ -4,6 +4,7 @@
 #include "commands/clocksteward_switch.h"
 #include "commands/file_transfer.h"
 #include "hub/queues.h"
+#include "hub/sends.h"
 #include "support.h"
 
 namespace {

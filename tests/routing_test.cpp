@@ -9,6 +9,7 @@
 #include "hub/dispatch.h"
 #include "hub/packet.h"
 #include "hub/queues.h"
+#include "hub/sends.h"
 #include "support.h"
 
 namespace {

@@ -11,6 +11,7 @@
 
 #include "hub/identity.h"
 #include "hub/queues.h"
+#include "hub/sends.h"
 #include "hub/threads.h"
 #include "monitor/config_file.h"
 #include "monitor/process_lookup.h"

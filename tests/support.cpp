@@ -15,6 +15,7 @@
 #include "commands/notices.h"
 #include "hub/inbound.h"
 #include "hub/queues.h"
+#include "hub/sends.h"
 #include "logging/log_manager.h"
 
 static Bytes unescape(const std::string& escaped) {

@@ -19,6 +19,15 @@
 #include <stddef.h>
 #include <stdint.h>
 
+/* Two blocks of memory that do not overlap; C++ knows the word only as an extension of its compilers. */
+#if !defined(__cplusplus)
+#define HUBKEEPER_RESTRICT restrict
+#elif defined(__GNUC__) || defined(_MSC_VER)
+#define HUBKEEPER_RESTRICT __restrict
+#else
+#define HUBKEEPER_RESTRICT
+#endif
+
 /* Sizes in bytes. */
 #define HUBKEEPER_HEADER_SIZE 5
 #define HUBKEEPER_PACKET_MAX 512  /* a Packet that HubKeeper builds or forwards: the text of one message */
@@ -166,8 +175,8 @@ static inline int hubkeeper_fits(uint16_t length, size_t size) {
  * it, or the length would not fit its 16 bits. HubKeeper forwards at most 512 bytes (HUBKEEPER_PACKET_MAX); what it
  * consumes itself is bounded by its Bundle alone.
  */
-static inline size_t hubkeeper_build(uint8_t *buffer, size_t room, uint16_t tag, uint8_t opcode, const uint8_t *payload,
-                                     size_t payload_size) {
+static inline size_t hubkeeper_build(uint8_t *HUBKEEPER_RESTRICT buffer, size_t room, uint16_t tag, uint8_t opcode,
+                                     const uint8_t *HUBKEEPER_RESTRICT payload, size_t payload_size) {
   size_t i;
   if (buffer == NULL || (payload == NULL && payload_size > 0)) return 0;
   if (payload_size > 0xFFFF - HUBKEEPER_HEADER_SIZE || payload_size + HUBKEEPER_HEADER_SIZE > room) return 0;

@@ -6,7 +6,7 @@
 #include "hub/end_process.h"
 #include "hub/files.h"
 #include "hub/packet.h"
-#include "hub/queues.h"
+#include "hub/sends.h"
 #include "logging/log_channel.h"
 
 std::uint8_t transferActive = 0;
@@ -25,7 +25,7 @@ void handleTransferStart(const std::uint8_t* packet, std::uint16_t length) {
   }
   // The last byte closes the name and is no part of it, whatever it holds.
   transferFileName.clear();
-  for (int i = packetHeaderSize; i < length - 1; ++i) transferFileName.push_back(static_cast<char>(packet[i]));
+  for (int i = HUBKEEPER_HEADER_SIZE; i < length - 1; ++i) transferFileName.push_back(static_cast<char>(packet[i]));
   const std::string target = "/" + transferFileName;
 
   transferActive = 1;
@@ -41,8 +41,8 @@ void handleTransferChunk(const std::uint8_t* packet, std::uint16_t length) {
     messagesChannel.error() << "HubKeeper: Tried to write bad app file";
     return;
   }
-  const std::size_t size = length - std::size_t{packetHeaderSize};
-  static_cast<void>(std::fwrite(packet + packetHeaderSize, 1, size, transferFile));
+  const std::size_t size = length - std::size_t{HUBKEEPER_HEADER_SIZE};
+  static_cast<void>(std::fwrite(packet + HUBKEEPER_HEADER_SIZE, 1, size, transferFile));
 }
 
 void handleTransferEnd(const std::uint8_t* packet, std::uint16_t length) {

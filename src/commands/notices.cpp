@@ -5,7 +5,7 @@
 #include <string>
 
 #include "hub/packet.h"
-#include "hub/queues.h"
+#include "hub/sends.h"
 #include "logging/log_channel.h"
 
 namespace {
@@ -38,12 +38,13 @@ int setState(int state) {
     messagesChannel.error() << "HubKeeper: ARM not allowed to set it's own state to 0, kWirepathArmState_RESET";
     return 0;
   }
-  const std::uint8_t text[2] = {static_cast<std::uint8_t>(state & 0xFF), static_cast<std::uint8_t>(state >> 8 & 0xFF)};
+  std::uint8_t text[2];
+  hubkeeper_write16(text, static_cast<std::uint16_t>(state & 0xFFFF));
   return sendMessage(stateNoticeSend, text, sizeof text) ? 1 : 0;
 }
 
 void sendSwPackage(int selector) {
   const std::string name = findPackageName();
-  sendPacket(packageNoticeSend, 0, selector == 0 ? opcodePackage : opcodePackageOther,
+  sendPacket(packageNoticeSend, 0, selector == 0 ? HUBKEEPER_OPCODE_PACKAGE : HUBKEEPER_OPCODE_PACKAGE_OTHER,
              reinterpret_cast<const std::uint8_t*>(name.data()), static_cast<int>(name.size()));
 }

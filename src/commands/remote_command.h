@@ -5,15 +5,12 @@
 
 #include <cstdint>
 
-/// Why the command in the Packet at `packet` is not to be run, or null when handleRemoteCommand may run it: there is no
-/// text, or no NUL within the `reach` bytes that may be read from the Packet's first byte on, or the text has more than
-/// 999 characters.
-const char* commandRefusal(const std::uint8_t* packet, std::uint16_t reach);
+// What is refused is logged at ERROR, and the reason goes out as the reply's text.
 
-/// Logs `reason` at ERROR and sends it as the reply's text, so that Ridgelink does not wait in vain. Neither the shell
-/// nor the response file is touched.
-void refuseRemoteCommand(std::uint16_t tag, const char* reason);
+/// Refuses a command without text or without a NUL within the `reach` bytes that may be read from the Packet's first
+/// byte on. True when it was refused; otherwise it is handleRemoteCommand's.
+bool refuseUnendedCommand(const std::uint8_t* packet, std::uint16_t reach, std::uint16_t tag);
 
-/// Runs the command at `packet`, which commandRefusal has accepted, and replies with `tag`. No reply goes out when the
-/// response file cannot be opened.
+/// Runs the command at `packet`, whose text ends with a NUL, and replies with `tag`; refuses one of more than 999
+/// characters. No reply goes out when the response file cannot be opened.
 void handleRemoteCommand(const std::uint8_t* packet, std::uint16_t tag);

@@ -4,7 +4,7 @@
 
 #include "hub/files.h"
 #include "hub/packet.h"
-#include "hub/queues.h"
+#include "hub/sends.h"
 #include "logging/log_channel.h"
 
 namespace {
@@ -30,10 +30,10 @@ std::FILE* openEitherVersionFile() {
 
 // Reads the version into `content` and returns its size. A read that fills all 507 bytes may have been cut short and
 // counts as a failure, as does an empty file: the size is then 0.
-int readVersion(std::FILE* file, std::uint8_t (&content)[maxPayload]) {
+int readVersion(std::FILE* file, std::uint8_t (&content)[HUBKEEPER_PAYLOAD_MAX]) {
   const int size = static_cast<int>(std::fread(content, 1, sizeof content, file));
   std::fclose(file);
-  if (size == 0 || size == maxPayload) {
+  if (size == 0 || size == HUBKEEPER_PAYLOAD_MAX) {
     messagesChannel.error() << "HubKeeper: unable to read version file";
     return 0;
   }
@@ -46,8 +46,8 @@ int readVersion(std::FILE* file, std::uint8_t (&content)[maxPayload]) {
 }  // namespace
 
 void handleVersionRequest(std::uint16_t tag) {
-  std::uint8_t content[maxPayload];
+  std::uint8_t content[HUBKEEPER_PAYLOAD_MAX];
   std::FILE* file = openEitherVersionFile();
   const int size = file != nullptr ? readVersion(file, content) : 0;
-  sendPacket(versionReplySend, tag, opcodeVersionReply, content, size);
+  sendPacket(versionReplySend, tag, HUBKEEPER_OPCODE_VERSION_REPLY, content, size);
 }

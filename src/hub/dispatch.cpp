@@ -1,13 +1,14 @@
 #include "hub/dispatch.h"
 
 #include <charconv>
+#include <iterator>
 
 #include "commands/clocksteward_switch.h"
 #include "commands/file_transfer.h"
 #include "commands/remote_command.h"
 #include "commands/version_report.h"
 #include "hub/packet.h"
-#include "hub/queues.h"
+#include "hub/sends.h"
 #include "logging/log_channel.h"
 
 namespace {
@@ -15,21 +16,19 @@ namespace {
 struct Received {
   const std::uint8_t* packet;
   std::uint16_t remaining;
-  PacketHeader header;
+  hubkeeper_header header;
 };
-
-constexpr const Lengths* unjudged = nullptr;  // the Packet's length plays no part
 
 struct Route {
-  std::uint8_t first;
-  std::uint8_t last;
-  const Lengths* lengths;  // null: not judged
+  hubkeeper_route range;
+  const Lengths* lengths;  // null: the Packet's length plays no part
   void (*act)(const Received& received);
 };
+constexpr const Lengths* unjudged = nullptr;
 
 void answerHeartbeat(const Received& received) {
-  static constexpr std::uint8_t filler[maxPayload] = {};
-  sendPacket(heartbeatReplySend, received.header.tag, opcodeHeartbeatReply, filler, maxPayload);
+  static constexpr std::uint8_t filler[HUBKEEPER_PAYLOAD_MAX] = {};
+  sendPacket(heartbeatReplySend, received.header.tag, HUBKEEPER_OPCODE_HEARTBEAT_REPLY, filler, HUBKEEPER_PAYLOAD_MAX);
 }
 
 void forward(const SendKind& peer, const Received& received) {
@@ -37,35 +36,38 @@ void forward(const SendKind& peer, const Received& received) {
 }
 
 void runCommand(const Received& received) {
-  const PacketHeader& header = received.header;
+  const hubkeeper_header& header = received.header;
   // The command ends at its NUL, which must lie within the Packet, or within the Bundle where the length is bad.
-  const bool lengthIsGood = fitsBundle(header.length, received.remaining);
-  const char* refusal = commandRefusal(received.packet, lengthIsGood ? header.length : received.remaining);
-  if (refusal != nullptr) {
-    refuseRemoteCommand(header.tag, refusal);
-  } else {
-    handleRemoteCommand(received.packet, header.tag);
-  }
+  const bool lengthIsGood = hubkeeper_fits(header.length, received.remaining) != 0;
+  const std::uint16_t reach = lengthIsGood ? header.length : received.remaining;
+  if (!refuseUnendedCommand(received.packet, reach, header.tag)) handleRemoteCommand(received.packet, header.tag);
 }
 
-// The first row that holds the opcode wins, so the order counts: a heartbeat lies in Netsteward's range.
+// What becomes of each range of opcodes. Which opcodes a range holds stands in hubkeeper/protocol.h.
 constexpr Route routes[] = {
-    {opcodeHeartbeat, opcodeHeartbeat, unjudged, answerHeartbeat},
-    {opcodeChronicler, opcodeChronicler, &anyFrame, [](const Received& r) { forward(chroniclerSend, r); }},
-    {opcodeNetstewardFirst, opcodeNetstewardLast, &anyFrame, [](const Received& r) { forward(netstewardSend, r); }},
-    {opcodeClockstewardFirst, opcodeClockstewardLast, &anyFrame,
-     [](const Received& r) { forward(clockstewardSend, r); }},
-    {opcodeVersion, opcodeVersion, unjudged, [](const Received& r) { handleVersionRequest(r.header.tag); }},
-    {opcodeCommand, opcodeCommand, unjudged, runCommand},
-    {opcodeTransferStart, opcodeTransferStart, &wholeFrame,
+    {HUBKEEPER_ROUTE_HEARTBEAT, unjudged, answerHeartbeat},
+    {HUBKEEPER_ROUTE_CHRONICLER, &anyFrame, [](const Received& r) { forward(chroniclerSend, r); }},
+    {HUBKEEPER_ROUTE_NETSTEWARD, &anyFrame, [](const Received& r) { forward(netstewardSend, r); }},
+    {HUBKEEPER_ROUTE_CLOCKSTEWARD, &anyFrame, [](const Received& r) { forward(clockstewardSend, r); }},
+    {HUBKEEPER_ROUTE_VERSION, unjudged, [](const Received& r) { handleVersionRequest(r.header.tag); }},
+    {HUBKEEPER_ROUTE_COMMAND, unjudged, runCommand},
+    {HUBKEEPER_ROUTE_TRANSFER_START, &wholeFrame,
      [](const Received& r) { handleTransferStart(r.packet, r.header.length); }},
-    {opcodeTransferChunk, opcodeTransferChunk, &wholeInBundle,
+    {HUBKEEPER_ROUTE_TRANSFER_CHUNK, &wholeInBundle,
      [](const Received& r) { handleTransferChunk(r.packet, r.header.length); }},
-    {opcodeTransferEnd, opcodeTransferEnd, &wholeFrame,
+    {HUBKEEPER_ROUTE_TRANSFER_END, &wholeFrame,
      [](const Received& r) { handleTransferEnd(r.packet, r.header.length); }},
-    {opcodeClockstewardOff, opcodeClockstewardOff, unjudged, [](const Received&) { handleClockstewardDisable(); }},
-    {opcodeClockstewardOn, opcodeClockstewardOn, unjudged, [](const Received&) { handleClockstewardEnable(); }},
+    {HUBKEEPER_ROUTE_CLOCKSTEWARD_DISABLE, unjudged, [](const Received&) { handleClockstewardDisable(); }},
+    {HUBKEEPER_ROUTE_CLOCKSTEWARD_ENABLE, unjudged, [](const Received&) { handleClockstewardEnable(); }},
 };
+
+constexpr bool standInOrder() {
+  for (std::size_t place = 0; place < std::size(routes); ++place) {
+    if (routes[place].range != place) return false;
+  }
+  return std::size(routes) == HUBKEEPER_ROUTE_NONE;
+}
+static_assert(standInOrder(), "a route is found by its range: each has its row, in the order of hubkeeper_route");
 
 struct HexText {
   char digits[3];
@@ -78,11 +80,13 @@ HexText hexText(std::uint8_t number) {
   return text;
 }
 
-const Route* findRoute(std::uint8_t opcode) {
-  for (const Route& route : routes) {
-    if (route.first <= opcode && opcode <= route.last) return &route;
-  }
-  return nullptr;
+void logBadOpcode(std::uint8_t opcode) { messagesChannel.error() << "bad opcode: " << hexText(opcode).digits; }
+
+// Dropped whole: a Packet cut short is not the Packet that was meant.
+void logBadLength(const Received& received) {
+  messagesChannel.error() << "HubKeeper: Packet dropped, opcode " << hexText(received.header.opcode).digits
+                          << ", length " << static_cast<int>(received.header.length) << ", remaining bundle size "
+                          << static_cast<int>(received.remaining);
 }
 
 bool lengthHolds(const Route& route, const Received& received) {
@@ -94,19 +98,12 @@ bool lengthHolds(const Route& route, const Received& received) {
 }  // namespace
 
 void dispatchPacket(const std::uint8_t* packet, std::uint16_t remaining) {
-  const Received received{packet, remaining, readHeader(packet, remaining)};
-  const PacketHeader& header = received.header;
-  sendMessage(bounceSend, &header.opcode, 1);
+  const Received received{packet, remaining, hubkeeper_read_header(packet, remaining)};
+  const std::uint8_t opcode = received.header.opcode;
+  sendMessage(bounceSend, &opcode, 1);
 
-  const Route* route = findRoute(header.opcode);
-  if (route == nullptr) {
-    messagesChannel.error() << "bad opcode: " << hexText(header.opcode).digits;
-  } else if (!lengthHolds(*route, received)) {
-    // Dropped whole: a Packet cut short is not the Packet that was meant.
-    messagesChannel.error() << "HubKeeper: Packet dropped, opcode " << hexText(header.opcode).digits << ", length "
-                            << static_cast<int>(header.length) << ", remaining bundle size "
-                            << static_cast<int>(remaining);
-  } else {
-    route->act(received);
-  }
+  const hubkeeper_route range = hubkeeper_find_opcode(opcode)->route;
+  if (range == HUBKEEPER_ROUTE_NONE) return logBadOpcode(opcode);
+  if (!lengthHolds(routes[range], received)) return logBadLength(received);
+  routes[range].act(received);
 }

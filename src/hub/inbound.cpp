@@ -1,5 +1,6 @@
 #include "hub/inbound.h"
 
+#include <hubkeeper/protocol.h>
 #include <sys/ipc.h>
 #include <sys/msg.h>
 
@@ -8,7 +9,6 @@
 #include "commands/file_transfer.h"
 #include "hub/dispatch.h"
 #include "hub/identity.h"
-#include "hub/packet.h"
 #include "hub/queues.h"
 #include "logging/log_channel.h"
 
@@ -16,7 +16,7 @@ namespace {
 
 struct ReceiveArea {
   long mtype;
-  std::uint8_t mtext[bundleTextSize];
+  std::uint8_t mtext[HUBKEEPER_BUNDLE_MAX];
 };
 
 void takeBundle(const std::uint8_t* text, ssize_t size) {
@@ -33,10 +33,10 @@ void takeBundle(const std::uint8_t* text, ssize_t size) {
 void discardOversized() {
   struct {
     long mtype;
-    std::uint8_t mtext[bundleTextSize + 1];
+    std::uint8_t mtext[HUBKEEPER_BUNDLE_MAX + 1];
   } area;
   const ssize_t size = msgrcv(inboundQueue, &area, sizeof area.mtext, 0, MSG_NOERROR | IPC_NOWAIT);
-  if (size >= 0 && size <= bundleTextSize) takeBundle(area.mtext, size);
+  if (size >= 0 && size <= HUBKEEPER_BUNDLE_MAX) takeBundle(area.mtext, size);
 }
 
 void receiveBundle(ReceiveArea& area) {
@@ -44,25 +44,22 @@ void receiveBundle(ReceiveArea& area) {
   if (received >= 0) return takeBundle(area.mtext, received);
   const int reason = errno;
   messagesChannel.error() << "HubKeeper: msgrcv inbound failed, sizeReceived = " << static_cast<int>(received);
-  if (reopenInboundQueue() == -1) messagesChannel.error() << "Failed recreating the que";
+  if (openQueue(Queue::inbound) == -1) messagesChannel.error() << "Failed recreating the que";
   if (reason == E2BIG) discardOversized();
 }
 
 }  // namespace
 
 void walkBundle(const std::uint8_t* bundle, std::uint16_t size) {
-  const std::uint8_t* packet = bundle;
-  std::uint16_t remaining = size;
-  while (remaining > 0) {
-    dispatchPacket(packet, remaining);
-    const std::uint16_t length = readHeader(packet, remaining).length;
-    if (!fitsBundle(length, remaining)) {
-      messagesChannel.fatal() << "HubKeeper: Bad bundle or message size. message size is " << static_cast<int>(length)
-                              << " and remaining bundle size is " << static_cast<int>(remaining);
-      return;
+  hubkeeper_walk walk{bundle, size};
+  hubkeeper_piece piece;
+  while (hubkeeper_next(&walk, &piece) != 0) {
+    dispatchPacket(piece.bytes, static_cast<std::uint16_t>(piece.remaining));
+    if (piece.good == 0) {
+      messagesChannel.fatal() << "HubKeeper: Bad bundle or message size. message size is "
+                              << static_cast<int>(piece.header.length) << " and remaining bundle size is "
+                              << static_cast<int>(piece.remaining);
     }
-    packet += length;
-    remaining = static_cast<std::uint16_t>(remaining - length);
   }
 }
 
