@@ -146,7 +146,7 @@ TEST_F(Routing, CountsFailedSendsAsTheModelDoes) {
       stats.msg_qbytes = (model.jammed[queue] = !model.jammed[queue]) ? 0 : 16384;
       msgctl(queueId(queue), IPC_SET, &stats);
     }
-    if (random() % 8 == 0) planFault((model.refuseOpen = random() % 4 == 0) ? "msgget" : "", 0, ENOSPC);
+    if (random() % 8 == 0) planFailure((model.refuseOpen = random() % 4 == 0) ? "msgget" : "", 0, ENOSPC);
     const Lines& kind = kinds[1 + random() % (kinds.size() - 1)];
     const std::string& request = kind[0];
     if (request[0] == '7' && request != "72" && active) continue;

@@ -67,7 +67,7 @@ TEST(Process, GoesOnWithoutEnlargementVersionFileAndTools) {
 }
 
 TEST_F(InProcess, QueueStatisticsAndPiecesOfOutput) {
-  planFault("msgctl", 0, EIO);
+  planFailure("msgctl", 0, EIO);
   createQues();
   EXPECT_PRED2(like, log(),
                (Lines{"I HubKeeper Attempting to createQues", "E ..queue stats", "E ..size is :0",
@@ -76,7 +76,7 @@ TEST_F(InProcess, QueueStatisticsAndPiecesOfOutput) {
   logCommandOutput("printf '%0127d\\n%%s a%0126d' 0 0");
   const std::string full(127, '0');
   EXPECT_EQ(log(), (Lines{"INFO " + full, "INFO ", "", "INFO %s a" + full.substr(4), "INFO 000"}));
-  planFault("popen", 0, ENOMEM);
+  planFailure("popen", 0, ENOMEM);
   EXPECT_EQ(logCommandOutput("uname -a"), -1);
   EXPECT_EQ(log(), Lines{"ERROR HubKeeper: Failed to run command uname -a"});
 }
@@ -111,9 +111,9 @@ msgget                      | 5 | failed to open outbound queue                |
 )";
   for (const std::string& row : splitLines(table.substr(1))) {
     const Lines column = columns(row);
-    planFault(column[0], std::stoi(column[1]), ENOSPC);
+    planFailure(column[0], std::stoi(column[1]), ENOSPC);
     EXPECT_EXIT(column[0] == "msgget" ? createQues() : steps(), testing::ExitedWithCode(1), "");
-    planFault("", 0, 0);
+    planFailure("", 0, 0);
     const Lines lines = log(), wanted = {"ERROR HubKeeper " + column[2], column[3] + ": No space left on device"};
     // With the threads running, lines of their own may stand around and between these.
     EXPECT_LT(std::find(lines.begin(), lines.end(), wanted[0]), std::find(lines.begin(), lines.end(), wanted[1]))
@@ -127,7 +127,7 @@ TEST(Process, EndsInOrderWhileOtherThreadsLog) {
   writeFile(configPath, "service=/nowhere/a\nservice=/nowhere/b\n");
   for (int i = 0; i < 200; ++i) {
     std::FILE* output = popen(
-        "TSAN_OPTIONS=\"$TSAN_OPTIONS atexit_sleep_ms=0\" HUB_FAULT=clock_nanosleep:0:22:0 exec " HASTY " 2>/dev/null",
+        "TSAN_OPTIONS=\"$TSAN_OPTIONS atexit_sleep_ms=0\" HUB_FAILURE=clock_nanosleep:0:22:0 exec " HASTY " 2>/dev/null",
         "r");
     std::string printed;
     for (char piece[4096]; fgets(piece, sizeof piece, output) != nullptr;) printed += piece;
@@ -222,7 +222,7 @@ TEST_F(InProcess, FindsProcessesByTheirFirstArgument) {
   for (const char* name :
        {"omega", "alpha", "beta", "with", "delta with blanks", "/opt/bin/gamma", "gamm", "gammas", ""})
     EXPECT_EQ(findProcess(name), -1) << name;
-  planFault("opendir", 0, EACCES);
+  planFailure("opendir", 0, EACCES);
   EXPECT_EQ(findProcess("gamma"), -1);
   EXPECT_EQ(log(), (Lines{"ERROR HubKeeper failed to open proc", "can't open /proc: Permission denied"}));
 }

@@ -98,7 +98,7 @@ void play(const std::string& table) {
     column.resize(std::max(column.size(), std::size_t{2}));
     std::string& step = column[0];
     if (step[0] == '!') {
-      planFault(words(step)[1], 0, std::stoi(words(step)[2]));
+      planFailure(words(step)[1], 0, std::stoi(words(step)[2]));
       continue;
     }
     if (step[0] == '$') {
@@ -196,8 +196,8 @@ Lines log() {
   return splitLines(text);
 }
 
-Service::Service(const std::string& program, const std::string& fault) : id(fork()) {
-  const std::string command = "HUB_FAULT=" + fault + " exec " + program + " >>/tmp/console 2>/tmp/errors";
+Service::Service(const std::string& program, const std::string& failure) : id(fork()) {
+  const std::string command = "HUB_FAILURE=" + failure + " exec " + program + " >>/tmp/console 2>/tmp/errors";
   if (id == 0) closefrom(3), _exit(execl("/bin/sh", "sh", "-c", command.c_str(), nullptr));
 }
 

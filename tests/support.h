@@ -49,9 +49,9 @@ struct Core : testing::Test {
 /// The lines since the last call: "PRIORITY message", what went to standard error, and "slept N" for sleep(3).
 Lines log();
 
-/// The service as a process of its own, with a fault in its environment; it is killed at the end.
+/// The service as a process of its own, with a failure in its environment; it is killed at the end.
 struct Service {
-  explicit Service(const std::string& program, const std::string& fault = "");
+  explicit Service(const std::string& program, const std::string& failure = "");
   ~Service();
   int id;
 };
@@ -61,6 +61,6 @@ Lines console();
 long logged(const std::string& line);
 
 /// From now on `call`, one of those that are wrapped, succeeds `skip` times and then fails with `error`.
-void planFault(const std::string& call, int skip, int error);
+void planFailure(const std::string& call, int skip, int error);
 extern int millisecondsPerSecond;  // of sleep(3), which leaves a line in that file
 extern std::string sleepLog;

@@ -16,35 +16,35 @@ int millisecondsPerSecond = 10;
 std::string sleepLog = "/tmp/slept";
 
 namespace {
-std::string faultyCall;
+std::string failingCall;
 std::atomic<int> successes;
-int faultError;
+int failureError;
 
-// The service built with these stand-ins takes its fault from the environment: CALL:SKIP:ERROR:MILLISECONDS.
+// The service built with these stand-ins takes its failure from the environment: CALL:SKIP:ERROR:MILLISECONDS.
 [[maybe_unused]] const bool planned = [] {
-  const char* plan = std::getenv("HUB_FAULT");
+  const char* plan = std::getenv("HUB_FAILURE");
   char call[64];
   int skip = 0, error = 0;
   if (plan == nullptr || std::sscanf(plan, "%63[^:]:%d:%d:%d", call, &skip, &error, &millisecondsPerSecond) < 3)
     return false;
-  planFault(call, skip, error);
+  planFailure(call, skip, error);
   std::atexit([] { std::puts("torn down"); });  // must not be seen: the end leaves before any destructor
   return true;
 }();
 
 // The error with which this call is to fail, or 0.
-int fault(const char* call) { return faultyCall == call && successes-- <= 0 ? faultError : 0; }
+int failure(const char* call) { return failingCall == call && successes-- <= 0 ? failureError : 0; }
 }  // namespace
 
-void planFault(const std::string& call, int skip, int error) {
-  faultyCall = call, successes = skip, faultError = error;
+void planFailure(const std::string& call, int skip, int error) {
+  failingCall = call, successes = skip, failureError = error;
 }
 
 // `failed` is what the call returns then: its error number, or a mark with the number in errno.
 #define WRAP(type, name, failed, parameters, arguments)               \
   extern "C" type __real_##name parameters;                           \
   extern "C" type __wrap_##name parameters {                          \
-    if (const int error = fault(#name)) return errno = error, failed; \
+    if (const int error = failure(#name)) return errno = error, failed; \
     return __real_##name arguments;                                   \
   }
 WRAP(int, msgget, -1, (key_t key, int flags), (key, flags))
@@ -62,15 +62,15 @@ WRAP(int, clock_nanosleep, errno, (clockid_t c, int flags, const timespec* t, ti
 
 extern "C" int __real_pthread_create(pthread_t* id, const pthread_attr_t* a, void* (*run)(void*), void* argument);
 extern "C" int __wrap_pthread_create(pthread_t* id, const pthread_attr_t* a, void* (*run)(void*), void* argument) {
-  if (const int error = fault("pthread_create")) return error;
+  if (const int error = failure("pthread_create")) return error;
   // A thread that is cancelled while it logs takes the process down with it.
-  if (faultyCall == "pthread_cancel") run = [](void*) -> void* { return pause(), nullptr; };
+  if (failingCall == "pthread_cancel") run = [](void*) -> void* { return pause(), nullptr; };
   return __real_pthread_create(id, a, run, argument);
 }
 
 extern "C" ssize_t __real_msgrcv(int id, void* message, std::size_t size, long type, int flags);
 extern "C" ssize_t __wrap_msgrcv(int id, void* message, std::size_t size, long type, int flags) {
-  const int error = flags == 0 ? fault("msgrcv") : 0;  // only a receive that waits
+  const int error = flags == 0 ? failure("msgrcv") : 0;  // only a receive that waits
   return error != 0 ? errno = error, -1 : __real_msgrcv(id, message, size, type, flags);
 }
 

@@ -39,6 +39,8 @@ void configureLogging() {
   messagesChannel = manager->getChannel("messages");
 }
 
+// Commands inherit descriptor 0. One that reads a terminal there finds nothing, instead of holding the inbound thread
+// until somebody types.
 void makeInputNonBlocking() {
   const int flags = fcntl(0, F_GETFL);
   fcntl(0, F_SETFL, flags | O_NONBLOCK);

@@ -1,5 +1,6 @@
-// Preparing and starting the two service threads. The steps run on the main thread in the order of their declaration. A
-// step that fails logs its line, writes to standard error as perror(3) does and ends the process with status 1.
+// Preparing and starting the two service threads. The first four steps run on the main thread in the order of their
+// declaration; nothing calls cancelThreads. A step that fails logs its line, writes to standard error as perror(3) does
+// and ends the process with status 1.
 #pragma once
 
 #include <pthread.h>
@@ -23,5 +24,6 @@ void setThreadScheduling();
 void createThreads();
 void destroyThreadAttributes();
 
-/// Cancels both threads. Nothing in the system uses it.
+/// Cancels both threads. A thread that is logging at that moment takes the whole process down: cancellation unwinds its
+/// stack like an exception, and a destructor of the C++ library does not let it pass.
 void cancelThreads();

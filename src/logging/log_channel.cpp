@@ -43,7 +43,7 @@ void setLayout(log4cpp::Appender* appender, const std::string& pattern) {
   appender->setLayout(layout);
 }
 
-// Brings the category to hold the sink of that name, or not to; `make` is called when one is missing.
+// Switches the sink of that name on, made by `make` where there is none yet, or takes it away.
 template <typename Make>
 void switchSink(const std::string& channel, const std::string& sink, bool on, const std::string& pattern, Make make) {
   Category& category = Category::getInstance(channel);

@@ -1,5 +1,6 @@
-// The registry of channels and the settings that new channels receive. One per process, made on first use and never
-// destroyed. Everything here belongs to the main thread before any other thread starts; there is no lock.
+// The registry of channels and the settings that new channels receive. One per process, made by the first getInstance
+// and never destroyed. There is no lock: everything but the two conversions of priorities is called on the main thread
+// alone, before any other thread starts.
 #pragma once
 
 #include <map>

@@ -1,7 +1,7 @@
 #!/usr/bin/python3
 """Does one harm after the other to the unmodified executable, each in a sandbox of its own, and sees what still holds.
 
-    tests/faults/faults.py HUBKEEPER [FAULT …]     those that are named, or all but the long ones
+    tests/harms/harms.py HUBKEEPER [HARM …]     those that are named, or all but the long ones
 """
 import ctypes, glob, os, struct, subprocess, sys, time
 from resource import RLIMIT_AS, RLIMIT_NOFILE, getpagesize, prlimit
@@ -246,7 +246,7 @@ def two_instances():
     hub.serves()
 
 
-FAULTS = {
+HARMS = {
     **{f"queue {key} removed while blocked": (removed_while_blocked, key) for key in KEYS},
     "all queues removed in use": (removed_in_use,),
     **{f"queue {key} full": (queue_full, key, 40, 0) for key in (*PEERS, RIDGELINK)},
@@ -275,14 +275,14 @@ FAULTS = {
 }
 
 if sys.argv[1] == "--inside":
-    check, *words = FAULTS[sys.argv[2]]
+    check, *words = HARMS[sys.argv[2]]
     os.chdir("/run")  # for the placeholder of transfers
     print("holds", check(*words) or "")
     sys.exit()
 sandbox = os.path.join(os.path.dirname(__file__), "../../scripts/sandbox")
 os.environ["HUBKEEPER"] = os.path.abspath(sys.argv[1])
 failed = []
-for name in sys.argv[2:] or [name for name in FAULTS if not name.startswith("long: ")]:
+for name in sys.argv[2:] or [name for name in HARMS if not name.startswith("long: ")]:
     if os.geteuid() != 0 and name in ("log directory read-only", "log disk full", "/tmp full"):
         print(f"{name:40} left out: only root can mount a file system in the sandbox")
         continue
