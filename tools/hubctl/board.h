@@ -8,9 +8,6 @@
 
 #include "session.h"
 
-constexpr std::size_t maxCommandText = 999;  // characters; the service refuses a longer text
-constexpr std::size_t maxReplyText = 507;    // bytes
-
 /// The text as one word for the shell.
 std::string shellQuote(std::string_view text);
 

@@ -6,19 +6,6 @@
 #include <iterator>
 #include <sstream>
 
-volatile std::sig_atomic_t interrupted = 0;
-
-void catchSignals() {
-  struct sigaction action = {};
-  action.sa_handler = [](int signal) {
-    if (signal != SIGALRM) interrupted = 1;
-  };
-  for (const int signal : {SIGINT, SIGTERM, SIGHUP}) sigaction(signal, &action, nullptr);
-  // msgsnd and msgrcv are never restarted, whatever this flag says; file input and output are.
-  action.sa_flags = SA_RESTART;
-  sigaction(SIGALRM, &action, nullptr);
-}
-
 void complain(std::string_view text) {
   static constexpr std::size_t indent = 7;  // behind "hubctl:"
   const auto width = static_cast<std::size_t>(terminalWidth(STDERR_FILENO));
@@ -76,19 +63,6 @@ std::string humanSpan(double seconds) {
 
 std::string count(std::uint64_t number, std::string_view noun) {
   return fmt::format("{} {}{}", number, noun, number == 1 ? "" : "s");
-}
-
-double secondsSince(Clock::time_point start) { return std::chrono::duration<double>(Clock::now() - start).count(); }
-
-Clock::time_point after(double seconds) {
-  return Clock::now() + std::chrono::duration_cast<Clock::duration>(std::chrono::duration<double>(seconds));
-}
-
-void nap(double seconds) {
-  if (seconds <= 0 || interrupted != 0) return;
-  const auto whole = static_cast<time_t>(seconds);
-  const timespec span = {whole, static_cast<long>((seconds - static_cast<double>(whole)) * 1e9)};
-  nanosleep(&span, nullptr);
 }
 
 void showPassing(std::string_view text) {

@@ -8,45 +8,17 @@
 #include <nlohmann/json.hpp>
 
 #include "console.h"
-#include "hub/packet.h"
-#include "queues.h"
 
 namespace {
 
-struct OpcodeRange {
-  std::uint8_t first;
-  std::uint8_t last;
-  const char* name;
-};
-
-// The first row that holds wins.
-constexpr OpcodeRange opcodes[] = {
-    {opcodeHeartbeat, opcodeHeartbeat, "heartbeat"},
-    {opcodeNetstewardFirst, opcodeNetstewardLast, "to netsteward"},
-    {opcodeClockstewardFirst, opcodeClockstewardLast, "to clocksteward"},
-    {opcodeChronicler, opcodeChronicler, "to chronicler"},
-    {opcodeVersion, opcodeVersion, "version"},
-    {opcodeCommand, opcodeCommand, "command"},
-    {opcodeTransferStart, opcodeTransferStart, "transfer start"},
-    {opcodeTransferChunk, opcodeTransferChunk, "transfer data"},
-    {opcodeTransferEnd, opcodeTransferEnd, "transfer end"},
-    {opcodeClockstewardOff, opcodeClockstewardOff, "clocksteward off"},
-    {opcodeClockstewardOn, opcodeClockstewardOn, "clocksteward on"},
-    {opcodeHeartbeatReply, opcodeHeartbeatReply, "heartbeat reply"},
-    {opcodePackage, opcodePackage, "package"},
-    {opcodeVersionReply, opcodeVersionReply, "version reply"},
-    {opcodePackageOther, opcodePackageOther, "package, other"},
-    {opcodeCommandReply, opcodeCommandReply, "command reply"},
-    {0x00, 0xFF, "unknown"},
-};
+// "75 clocksteward disable" is the widest.
+const std::size_t opcodeWidth = [] {
+  std::size_t widest = 0;
+  for (const auto& row : hubkeeper_opcodes) widest = std::max(widest, 3 + std::string_view(row.name).size());
+  return widest;
+}();
 
 constexpr const char* kindNames[] = {"packet", "bounce", "state", "bad"};
-
-Piece wholePacket(ByteView message) {
-  const PacketHeader header = readHeader(message.data(), static_cast<std::uint16_t>(message.size()));
-  return {Kind::packet, header.length, header.tag, header.opcode,
-          message.subspan(packetHeaderSize, header.length - packetHeaderSize)};
-}
 
 std::string hexOf(ByteView bytes, const char* between = " ") {
   return fmt::format("{:02x}", fmt::join(bytes, between));
@@ -64,42 +36,6 @@ std::string payloadText(ByteView payload, int room) {
 }
 
 }  // namespace
-
-std::vector<Piece> split(const Queue& queue, ByteView message) {
-  std::vector<Piece> pieces;
-  const auto packetAtFront = [](ByteView rest) {
-    const PacketHeader header =
-        readHeader(rest.data(), static_cast<std::uint16_t>(std::min<std::size_t>(rest.size(), 65535)));
-    return rest.size() >= packetHeaderSize && header.length >= packetHeaderSize && header.length <= rest.size();
-  };
-  if (&queue == &outbound && message.size() == 1) return {{Kind::bounce, 1, 0, message[0], {}}};
-  if (&queue == &outbound && message.size() == 2) return {{Kind::state, 2, 0, 0, message}};
-  while (packetAtFront(message)) {
-    pieces.push_back(wholePacket(message));
-    message = message.subspan(pieces.back().length);
-    if (&queue != &inbound) break;
-  }
-  if (!message.empty() || pieces.empty()) pieces.push_back({Kind::bad, message.size(), 0, 0, message});
-  return pieces;
-}
-
-Bytes makePacket(std::uint8_t opcode, std::uint16_t tag, ByteView payload) {
-  Bytes packet(packetHeaderSize + payload.size());
-  const auto put16 = [&](std::size_t at, std::size_t word) {
-    packet[at] = static_cast<std::uint8_t>(word & 0xFF);
-    packet[at + 1] = static_cast<std::uint8_t>(word >> 8 & 0xFF);
-  };
-  put16(0, packet.size());
-  put16(2, tag);
-  packet[4] = opcode;
-  std::copy(payload.begin(), payload.end(), packet.begin() + packetHeaderSize);
-  return packet;
-}
-
-std::string_view opcodeName(std::uint8_t opcode) {
-  const auto holds = [opcode](const OpcodeRange& row) { return row.first <= opcode && opcode <= row.last; };
-  return std::find_if(std::begin(opcodes), std::end(opcodes), holds)->name;
-}
 
 std::string printable(ByteView bytes) {
   std::string text;
@@ -128,7 +64,7 @@ Bytes parseHex(std::string_view text) {
 
 void PiecePrinter::printTitles() {
   if (titles.empty()) return;
-  titles += fmt::format("  {:>6}  {:>5}  {:<21}  {}", "LENGTH", "TAG", "OPCODE", "PAYLOAD");
+  titles += fmt::format("  {:>6}  {:>5}  {:<{}}  {}", "LENGTH", "TAG", "OPCODE", opcodeWidth, "PAYLOAD");
   fmt::print("{}\n", inked(Ink::bold, titles));
   std::fflush(stdout);
   titles.clear();
@@ -136,18 +72,18 @@ void PiecePrinter::printTitles() {
 
 void PiecePrinter::print(std::string_view columns, const Piece& piece) {
   printTitles();
-  const std::string opcode = fmt::format("{:02x} {}", piece.opcode, opcodeName(piece.opcode));
+  const std::string opcode = fmt::format("{:02x} {}", piece.opcode, hubkeeper_find_opcode(piece.opcode)->name);
   const int width = terminalWidth();
-  const std::string payload =
-      payloadText(piece.payload, width == 0 ? 0 : std::max(8, width - 40 - static_cast<int>(columns.size())));
+  const int taken = static_cast<int>(columns.size() + 19 + opcodeWidth);
+  const std::string payload = payloadText(piece.payload, width == 0 ? 0 : std::max(8, width - taken));
   const auto line = [&](std::string_view tag, Ink ink, std::string_view what, std::string_view rest) {
-    const std::string padded = rest.empty() ? std::string(what) : fmt::format("{:<21}  ", what);
+    const std::string padded = rest.empty() ? std::string(what) : fmt::format("{:<{}}  ", what, opcodeWidth);
     fmt::print("{}  {:>6}  {:>5}  {}{}\n", columns, piece.length, tag, inked(ink, padded), rest);
   };
   switch (piece.kind) {
     case Kind::packet: line(std::to_string(piece.tag), Ink::cyan, opcode, payload); break;
     case Kind::bounce: line("", Ink::dim, opcode, "bounce"); break;
-    case Kind::state: line("", Ink::yellow, "board state", payload); break;
+    case Kind::state: line("", Ink::yellow, "state notice", payload); break;
     case Kind::bad: line("", Ink::red, "no Packet", payload); break;
   }
   std::fflush(stdout);
@@ -158,7 +94,7 @@ nlohmann::json pieceJson(const Piece& piece) {
   if (piece.kind == Kind::packet) json["tag"] = piece.tag;
   if (piece.kind == Kind::packet || piece.kind == Kind::bounce) {
     json["opcode"] = piece.opcode;
-    json["name"] = opcodeName(piece.opcode);
+    json["name"] = hubkeeper_find_opcode(piece.opcode)->name;
   }
   if (piece.kind == Kind::state) json["state"] = piece.payload[0] | piece.payload[1] << 8;
   if (piece.kind != Kind::bounce) json["payload"] = hexOf(piece.payload, "");

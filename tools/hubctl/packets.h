@@ -1,41 +1,11 @@
-// Messages made readable: a queue message is split into its Packets, and each becomes one line or one JSON object.
+// Messages made readable: each piece becomes one line or one JSON object.
 #pragma once
 
-#include <cstdint>
 #include <nlohmann/json_fwd.hpp>
-#include <span>
 #include <string>
 #include <string_view>
-#include <vector>
 
-struct Queue;
-
-using Bytes = std::vector<std::uint8_t>;
-using ByteView = std::span<const std::uint8_t>;
-
-enum class Kind {
-  packet,
-  bounce,  // one byte on the queue to Ridgelink: the opcode of a Packet that has been taken
-  state,   // two bytes on the queue to Ridgelink: the state of the board
-  bad,     // bytes that are no Packet
-};
-
-/// One piece of a message. What a kind lacks is 0; the views point into the message.
-struct Piece {
-  Kind kind;
-  std::size_t length;
-  std::uint16_t tag;
-  std::uint8_t opcode;
-  ByteView payload;
-};
-
-/// Splits the text of a message of `queue`: a Bundle on the inbound queue, a single piece on any other.
-std::vector<Piece> split(const Queue& queue, ByteView message);
-
-/// A Packet of any size up to 65535 bytes.
-Bytes makePacket(std::uint8_t opcode, std::uint16_t tag, ByteView payload = {});
-
-std::string_view opcodeName(std::uint8_t opcode);
+#include "base/pieces.h"
 
 /// Text of any bytes, with a dot for each one that cannot be printed.
 std::string printable(ByteView bytes);

@@ -10,7 +10,6 @@
 #include "arguments.h"
 #include "commands.h"
 #include "console.h"
-#include "hub/packet.h"
 #include "packets.h"
 #include "queues.h"
 
@@ -27,13 +26,13 @@ std::vector<const Queue*> choose(const std::vector<std::string>& names) {
   std::vector<const Queue*> chosen;
   for (const std::string& name : names) {
     const Queue& queue = findQueue(name);
-    if (&queue == &inbound || &queue == &outbound) {
+    if (queue == inbound || queue == ridgelink) {
       throw WrongUsage(fmt::format("queue \"{}\" belongs to no local process; hubctl peek looks into it", queue.name));
     }
     chosen.push_back(&queue);
   }
-  for (const Queue& queue : queueTable) {
-    if (names.empty() && &queue != &inbound && &queue != &outbound) chosen.push_back(&queue);
+  for (const Queue& queue : hubkeeper_queues) {
+    if (names.empty() && queue != inbound && queue != ridgelink) chosen.push_back(&queue);
   }
   return chosen;
 }
@@ -42,9 +41,9 @@ std::vector<const Queue*> choose(const std::vector<std::string>& names) {
 std::optional<Bytes> takeNext(const Queue& queue) {
   struct {
     long type;
-    std::uint8_t text[bundleTextSize];
+    std::uint8_t text[HUBKEEPER_BUNDLE_MAX];
   } frame;
-  const int id = msgget(queue.key, IPC_CREAT | queueMode);
+  const int id = msgget(queue.key, IPC_CREAT | HUBKEEPER_QUEUE_MODE);
   const ssize_t size = id == -1 ? -1 : msgrcv(id, &frame, sizeof frame.text, 0, IPC_NOWAIT | MSG_NOERROR);
   if (size >= 0) return Bytes(frame.text, frame.text + size);
   const int error = errno;

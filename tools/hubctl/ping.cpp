@@ -4,7 +4,6 @@
 
 #include "arguments.h"
 #include "commands.h"
-#include "hub/packet.h"
 #include "session.h"
 
 namespace {
@@ -23,7 +22,8 @@ int ping(const Options& options) {
     const Clock::time_point next = after(options.interval);
     ++sent;
     try {
-      const auto reply = session.request(opcodeHeartbeat, opcodeHeartbeatReply, {}, options.wait);
+      const auto reply =
+          session.request(HUBKEEPER_OPCODE_HEARTBEAT, HUBKEEPER_OPCODE_HEARTBEAT_REPLY, {}, options.wait);
       const double time = reply.seconds * 1000;
       shortest = answered == 0 ? time : std::min(shortest, time);
       longest = std::max(longest, time);
@@ -31,8 +31,8 @@ int ping(const Options& options) {
       ++answered;
       if (!reply.bounceSeconds) ++unbounced;
       if (!options.json) {
-        fmt::print("{} bytes from HubKeeper: tag={:<5}  {}  time={:.3f} ms\n", reply.payload.size() + packetHeaderSize,
-                   session.currentTag(),
+        fmt::print("{} bytes from HubKeeper: tag={:<5}  {}  time={:.3f} ms\n",
+                   reply.payload.size() + HUBKEEPER_HEADER_SIZE, session.currentTag(),
                    reply.bounceSeconds ? fmt::format("bounce={:.3f} ms", *reply.bounceSeconds * 1000)
                                        : inked(Ink::red, "no bounce"),
                    time);

@@ -10,16 +10,7 @@
 #include <cstring>
 #include <fstream>
 
-#include "console.h"
-
-const Queue& findQueue(std::string_view nameOrKey) {
-  std::string names;
-  for (const Queue& queue : queueTable) {
-    if (nameOrKey == queue.name || nameOrKey == std::to_string(queue.key)) return queue;
-    names += fmt::format("{}{} ({})", names.empty() ? "" : ", ", queue.name, queue.key);
-  }
-  throw WrongUsage(fmt::format("there is no queue \"{}\"\nthe queues are {}", nameOrKey, names));
-}
+#include "base/failure.h"
 
 std::optional<QueueState> lookAt(const Queue& queue) {
   const int id = msgget(queue.key, 0);

@@ -4,36 +4,12 @@
 
 #include <sys/types.h>
 
-#include <array>
 #include <cstdint>
 #include <ctime>
 #include <optional>
 #include <string>
-#include <string_view>
 
-struct Queue {
-  int key;
-  const char* name;
-  const char* from;
-  const char* to;
-};
-
-/// In the order in which HubKeeper opens them. A row is told by its address.
-inline constexpr std::array<Queue, 6> queueTable = {{
-    {1002, "inbound", "Ridgelink", "HubKeeper"},
-    {1000, "netsteward", "HubKeeper", "Netsteward"},
-    {1011, "clocksteward", "HubKeeper", "Clocksteward"},
-    {1010, "chronicler", "HubKeeper", "Chronicler"},
-    {1006, "stagehand", "HubKeeper", "Stagehand"},
-    {1003, "ridgelink", "HubKeeper", "Ridgelink"},
-}};
-inline constexpr const Queue& inbound = queueTable.front();
-inline constexpr const Queue& outbound = queueTable.back();
-
-constexpr int queueMode = 0644;  // what HubKeeper creates its queues with
-
-/// Finds a queue by its name or by its key in decimal; throws a WrongUsage that lists the names.
-const Queue& findQueue(std::string_view nameOrKey);
+#include "base/queues.h"
 
 struct QueueState {
   int id;

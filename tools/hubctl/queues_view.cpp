@@ -60,7 +60,7 @@ void printTable(bool bars) {
   std::size_t missing = 0;
   fmt::print("{}\n",
              inked(Ink::bold, row("QUEUE", "KEY", "MSGS", "BYTES", "", "LAST SENDER", "LAST RECEIVER", "IDLE")));
-  for (const Queue& queue : queueTable) {
+  for (const Queue& queue : hubkeeper_queues) {
     const auto state = lookAt(queue);
     if (!state) {
       ++missing;
@@ -76,7 +76,7 @@ void printTable(bool bars) {
     fmt::print("{}\n", line);
     if (!why.empty()) notes += fmt::format("{} {}\n", inked(Ink::red, fmt::format("! {}:", queue.name)), why);
   }
-  if (missing == queueTable.size()) notes = "HubKeeper has never run here: it creates its queues when it starts\n";
+  if (missing == HUBKEEPER_QUEUE_COUNT) notes = "HubKeeper has never run here: it creates its queues when it starts\n";
   if (!notes.empty()) fmt::print("\n{}", notes);
 }
 
@@ -87,7 +87,7 @@ void printJson() {
     if (id == 0) return nlohmann::json();
     return nlohmann::json{{"pid", living ? living->id : id}, {"name", living ? living->name : ""}, {"alive", !!living}};
   };
-  for (const Queue& queue : queueTable) {
+  for (const Queue& queue : hubkeeper_queues) {
     nlohmann::json json = {{"name", queue.name}, {"key", queue.key}, {"from", queue.from}, {"to", queue.to}};
     const auto state = lookAt(queue);
     json["exists"] = state.has_value();

@@ -28,7 +28,7 @@ int sendRaw(const Options& options) {
   while (const auto message = session.take(end)) {
     answered = true;
     const double time = secondsSince(start) * 1000;
-    const Piece piece = split(outbound, *message).front();
+    const Piece piece = split(ridgelink, *message).front();
     if (options.json) {
       nlohmann::json json = pieceJson(piece);
       json["milliseconds"] = time;

@@ -4,7 +4,6 @@
 
 #include "arguments.h"
 #include "commands.h"
-#include "hub/packet.h"
 #include "session.h"
 
 Action addVersion(CLI::App& app) {
@@ -12,7 +11,7 @@ Action addVersion(CLI::App& app) {
   addSessionOptions(app, *options, "Wait this long for the reply (default 5)");
   return [options] {
     Session session(*options);
-    const auto reply = session.request(opcodeVersion, opcodeVersionReply, {}, options->wait);
+    const auto reply = session.request(HUBKEEPER_OPCODE_VERSION, HUBKEEPER_OPCODE_VERSION_REPLY, {}, options->wait);
     const std::string text(reply.payload.begin(), reply.payload.end());
     if (options->json) {
       fmt::print("{}\n", dumpJson({{"version", text}}));
@@ -40,7 +39,7 @@ Action addClocksteward(CLI::App& app) {
       "dead Clocksteward within some seconds, if the configuration names it.");
   return [options] {
     const bool on = options->state == "on";
-    const std::uint8_t opcode = on ? opcodeClockstewardOn : opcodeClockstewardOff;
+    const std::uint8_t opcode = on ? HUBKEEPER_OPCODE_CLOCKSTEWARD_ENABLE : HUBKEEPER_OPCODE_CLOCKSTEWARD_DISABLE;
     Session session(*options);
     session.put(makePacket(opcode, session.nextTag()), after(options->wait));
     session.awaitBounce(opcode, options->wait);

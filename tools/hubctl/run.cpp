@@ -28,8 +28,8 @@ std::string fetch(Session& session, const std::string& file, std::uint64_t size,
   std::string content;
   Progress progress(size);
   for (std::uint64_t piece = 0; content.size() < size; ++piece) {
-    const std::string bytes =
-        runScript(session, fmt::format("dd if={} bs={} skip={} count=1 2>/dev/null", file, maxReplyText, piece), wait);
+    const std::string bytes = runScript(
+        session, fmt::format("dd if={} bs={} skip={} count=1 2>/dev/null", file, HUBKEEPER_PAYLOAD_MAX, piece), wait);
     if (bytes.empty()) throw Failure("the output kept on the board has become shorter");
     content += bytes;
     progress.show(content.size());
@@ -81,7 +81,7 @@ int run(const Options& options) {
   if (options.raw) {
     outcome.output = runText(session, options.command, options.wait);
     outcome.size = outcome.output.size();
-    outcome.cut = outcome.size == maxReplyText;
+    outcome.cut = outcome.size == HUBKEEPER_PAYLOAD_MAX;
   } else {
     outcome = runWrapped(session, options);
   }

@@ -12,7 +12,6 @@
 #include "arguments.h"
 #include "board.h"
 #include "commands.h"
-#include "hub/packet.h"
 
 namespace {
 
@@ -21,9 +20,9 @@ struct Options : SessionOptions {
   std::string target;
 };
 
-constexpr std::size_t chunkSize = bundleTextSize - packetHeaderSize;
-constexpr std::size_t maxName = frameTextSize - packetHeaderSize - 1;  // a start Packet must fit one frame
-constexpr int unbouncedBundles = 2;                                    // as many as a queue of the usual size holds
+constexpr std::size_t chunkSize = HUBKEEPER_BUNDLE_MAX - HUBKEEPER_HEADER_SIZE;
+constexpr std::size_t maxName = HUBKEEPER_PACKET_MAX - HUBKEEPER_HEADER_SIZE - 1;  // a start Packet must fit one frame
+constexpr int unbouncedBundles = 2;  // as many as a queue of the usual size holds
 constexpr const char* endHint = "hubctl raw 05 00 00 00 72";
 
 using File = std::unique_ptr<std::FILE, int (*)(std::FILE*)>;
@@ -78,8 +77,8 @@ void transfer(Session& session, const Options& options, std::FILE* file, std::ui
   };
   Bytes name(options.target.begin() + 1, options.target.end());
   name.push_back(0);  // the service drops the last byte
-  put(opcodeTransferStart, name);
-  session.awaitBounce(opcodeTransferStart, options.wait);
+  put(HUBKEEPER_OPCODE_TRANSFER_START, name);
+  session.awaitBounce(HUBKEEPER_OPCODE_TRANSFER_START, options.wait);
   checkStarted(session, options);
 
   std::uint64_t sent = 0;
@@ -89,8 +88,9 @@ void transfer(Session& session, const Options& options, std::FILE* file, std::ui
     for (int unbounced = 0; interrupted == 0; ++unbounced) {
       const std::size_t got = std::fread(chunk.data(), 1, chunk.size(), file);
       if (got == 0) break;
-      for (; unbounced >= unbouncedBundles; --unbounced) session.awaitBounce(opcodeTransferChunk, options.wait);
-      put(opcodeTransferChunk, {chunk.data(), got});
+      for (; unbounced >= unbouncedBundles; --unbounced)
+        session.awaitBounce(HUBKEEPER_OPCODE_TRANSFER_CHUNK, options.wait);
+      put(HUBKEEPER_OPCODE_TRANSFER_CHUNK, {chunk.data(), got});
       sent += got;
       progress.show(sent);
     }
@@ -102,8 +102,8 @@ void transfer(Session& session, const Options& options, std::FILE* file, std::ui
   }
   const char* trouble = interrupted != 0 ? "interrupted" : std::ferror(file) != 0 ? "the file cannot be read on" : "";
   interrupted = 0;  // the end Packet must go out in any case, or every further start is refused
-  put(opcodeTransferEnd, {});
-  session.awaitBounce(opcodeTransferEnd, options.wait);
+  put(HUBKEEPER_OPCODE_TRANSFER_END, {});
+  session.awaitBounce(HUBKEEPER_OPCODE_TRANSFER_END, options.wait);
   if (*trouble == '\0') return;
   throw Failure(fmt::format("{}: {} is incomplete on the board, {} of {}", trouble, options.target, humanSize(sent),
                             humanSize(size)));

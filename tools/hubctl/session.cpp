@@ -6,7 +6,6 @@
 #include <cerrno>
 #include <cstring>
 
-#include "hub/packet.h"
 #include "queues.h"
 
 namespace {
@@ -53,9 +52,9 @@ int openExisting(const Queue& queue) {
 
 Session::Session(const SessionOptions& options)
     : inboundId(openExisting(inbound)),
-      outboundId(openExisting(outbound)),
+      outboundId(openExisting(ridgelink)),
       tag(static_cast<std::uint16_t>(std::chrono::system_clock::now().time_since_epoch().count() >> 10)) {
-  refuseBesideReader(outbound, options.force);
+  refuseBesideReader(ridgelink, options.force);
   std::uint64_t leftovers = 0;
   while (take(Clock::time_point::min())) ++leftovers;
   if (leftovers > 0)
@@ -81,7 +80,7 @@ void Session::put(ByteView bundle, Clock::time_point deadline) {
 }
 
 std::optional<Bytes> Session::take(Clock::time_point deadline) {
-  Frame<bundleTextSize> frame;
+  Frame<HUBKEEPER_BUNDLE_MAX> frame;
   const auto receive = [&](int flags) { return msgrcv(outboundId, &frame, sizeof frame.text, 0, flags | MSG_NOERROR); };
   ssize_t size = receive(IPC_NOWAIT);
   if (size == -1 && errno == ENOMSG) {
@@ -91,7 +90,7 @@ std::optional<Bytes> Session::take(Clock::time_point deadline) {
       size = receive(0);
     }
   }
-  if (size == -1) failOn(outbound, "receive from");
+  if (size == -1) failOn(ridgelink, "receive from");
   return Bytes(frame.text, frame.text + size);
 }
 
@@ -103,7 +102,7 @@ Session::Reply Session::request(std::uint8_t opcode, std::uint8_t replyOpcode, B
   put(packet, deadline);
   std::optional<double> bounce;
   while (const auto message = take(deadline)) {
-    const Piece piece = split(outbound, *message).front();
+    const Piece piece = split(ridgelink, *message).front();
     if (piece.kind == Kind::bounce && piece.opcode == opcode) bounce = secondsSince(start);
     if (piece.kind == Kind::packet && piece.opcode == replyOpcode && piece.tag == own) {
       return {Bytes(piece.payload.begin(), piece.payload.end()), bounce, secondsSince(start)};
@@ -122,8 +121,8 @@ void Session::awaitBounce(std::uint8_t opcode, double wait) {
 
 std::string Session::explainSilence(double wait) {
   const auto in = lookAt(inbound);
-  const auto out = lookAt(outbound);
-  Frame<bundleTextSize> frame;
+  const auto out = lookAt(ridgelink);
+  Frame<HUBKEEPER_BUNDLE_MAX> frame;
   std::uint64_t takenBack = 0;
   while (msgrcv(inboundId, &frame, sizeof frame.text, ownType(), IPC_NOWAIT | MSG_NOERROR) >= 0) ++takenBack;
 
