@@ -1,10 +1,18 @@
 // How the subcommands declare their arguments to CLI11, so that all of them look alike in the help.
 #pragma once
 
+#include <fmt/format.h>
 #include <CLI/CLI.hpp>
-#include <string>
 
+#include <string>
+#include <string_view>
+
+#include "base/pieces.h"
 #include "session.h"
+
+/// Bytes from hexadecimal digits, in pairs, with blanks, colons or commas anywhere between the pairs.
+/// Throws a WrongUsage that shows the place.
+Bytes parseHex(std::string_view text);
 
 /// A positional argument.
 template <class Value>

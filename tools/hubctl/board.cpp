@@ -1,5 +1,7 @@
 #include "board.h"
 
+#include <fmt/format.h>
+
 std::string shellQuote(std::string_view text) {
   std::string word = "'";
   for (const char c : text) word += c == '\'' ? std::string("'\\''") : std::string(1, c);

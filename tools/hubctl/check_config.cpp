@@ -1,5 +1,7 @@
 // Reads a service configuration exactly as the service does, and tells what would be watched and where the plain format
 // sets traps.
+#include <fmt/format.h>
+
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
@@ -8,10 +10,12 @@
 #include <nlohmann/json.hpp>
 
 #include "arguments.h"
+#include "base/failure.h"
 #include "commands.h"
-#include "console.h"
 #include "monitor/config_records.h"
-#include "packets.h"
+#include "showing/json.h"
+#include "showing/terminal.h"
+#include "showing/text.h"
 
 namespace {
 
@@ -32,10 +36,6 @@ constexpr std::size_t longestEntry = 510;  // what the service reads of a comman
 std::string_view trimmed(std::string_view text) {
   const auto first = text.find_first_not_of(" \t\r\n");
   return first == std::string_view::npos ? "" : text.substr(first, text.find_last_not_of(" \t\r\n") - first + 1);
-}
-
-std::string shown(std::string_view text) {
-  return printable({reinterpret_cast<const std::uint8_t*>(text.data()), text.size()});
 }
 
 // Why a process can never match the entry; nothing when it can.
@@ -59,7 +59,7 @@ Trap explainUnknown(const std::string& key, std::size_t line) {
                  [](unsigned char c) { return static_cast<char>(std::tolower(c)); });
   const bool isService = lower == "service";
   const bool known = isService || lower == "debug";
-  std::string why = fmt::format("the key \"{}\" is not known", shown(meant));
+  std::string why = fmt::format("the key \"{}\" is not known", printable(meant));
   if (lastLine != std::string::npos && known) {
     const std::string_view swallowed = trimmed(std::string_view(key).substr(0, lastLine));
     why = fmt::format("{} swallows this record, whose key is then not \"{}\"",
@@ -70,7 +70,7 @@ Trap explainUnknown(const std::string& key, std::size_t line) {
   } else if (known && meant != trimmed(meant)) {
     why = fmt::format("a blank or carriage return beside \"{}\" belongs to the key", lower);
   } else if (known) {
-    why = fmt::format("\"{}\" must be written in small letters", shown(meant));
+    why = fmt::format("\"{}\" must be written in small letters", printable(meant));
   }
   return {line, isService, why};
 }
@@ -99,21 +99,21 @@ Verdict judge(const std::string& path) {
       trap(false, trimmed(key).empty() ? "the empty line at the end is logged as an unknown key"
                                        : "text without \"=\" at the end is logged as an unknown key");
     } else if (tail) {
-      trap(false, fmt::format("\"{}\" without \"=\" repeats the value \"{}\"", key, shown(value)));
+      trap(false, fmt::format("\"{}\" without \"=\" repeats the value \"{}\"", key, printable(value)));
     }
     if (key == "debug") {
       verdict.debug = value == "true";
       if (value != "true" && value != "false") {
-        trap(false, fmt::format("\"{}\" is not \"true\", so debug is off", shown(value)));
+        trap(false, fmt::format("\"{}\" is not \"true\", so debug is off", printable(value)));
       }
     } else if (key == "service") {
       const std::string why = neverMatches(value);
       if (!why.empty()) {
-        trap(true, fmt::format("\"{}\" is started anew in every cycle: {}", shown(value), why));
+        trap(true, fmt::format("\"{}\" is started anew in every cycle: {}", printable(value), why));
         continue;
       }
       if (std::count(verdict.watched.begin(), verdict.watched.end(), value) > 0) {
-        trap(false, fmt::format("\"{}\" stands here twice: when it dies, two copies may be started", shown(value)));
+        trap(false, fmt::format("\"{}\" stands here twice: when it dies, two copies may be started", printable(value)));
       }
       verdict.watched.push_back(value);
     } else if (!tail) {
@@ -132,8 +132,7 @@ int check(const std::string& path, bool json) {
     for (const Trap& trap : verdict.traps) {
       traps.push_back({{"line", trap.line}, {"unwatched", trap.unwatched}, {"text", trap.text}});
     }
-    fmt::print("{}\n",
-               dumpJson({{"file", path}, {"debug", verdict.debug}, {"services", verdict.watched}, {"traps", traps}}));
+    printJson({{"file", path}, {"debug", verdict.debug}, {"services", verdict.watched}, {"traps", traps}});
   } else {
     for (const std::string& service : verdict.watched) {
       fmt::print("{}  {}\n", verdict.debug ? inked(Ink::yellow, "not watched") : inked(Ink::green, "watched"), service);

@@ -1,11 +1,15 @@
 // hubctl: a console that plays Ridgelink. This file holds the table of subcommands, from which the help is printed, and
 // turns what goes wrong into a sentence on stderr and an exit status: 0 done, 1 failed, 2 wrong usage.
+#include <fmt/format.h>
+
 #include <CLI/CLI.hpp>
 #include <map>
 #include <memory>
 
+#include "base/failure.h"
+#include "base/signals.h"
 #include "commands.h"
-#include "console.h"
+#include "showing/terminal.h"
 
 namespace {
 

@@ -1,4 +1,6 @@
 // What waits in a queue, without taking it (MSG_COPY, see msgop(2)).
+#include <fmt/format.h>
+
 #include <sys/msg.h>
 
 #include <cerrno>
@@ -8,10 +10,12 @@
 #include <nlohmann/json.hpp>
 
 #include "arguments.h"
+#include "base/failure.h"
+#include "base/signals.h"
 #include "commands.h"
-#include "console.h"
-#include "packets.h"
 #include "queues.h"
+#include "showing/json.h"
+#include "showing/piece_printer.h"
 
 namespace {
 
@@ -58,7 +62,7 @@ int peek(const Options& options) {
     list.push_back(pieces);
   }
   if (options.json) {
-    fmt::print("{}\n", dumpJson(list));
+    printJson(list);
   } else if (shown == 0) {
     fmt::print("queue {} ({} to {}) is empty\n", queue.key, queue.from, queue.to);
   } else if (const auto now = lookAt(queue); now && now->messages > shown) {

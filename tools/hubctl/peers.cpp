@@ -1,5 +1,7 @@
 // Plays the local processes on the bench: drains their queues and prints each Packet. A System V queue cannot be waited
 // for together with others, so the queues are polled.
+#include <fmt/format.h>
+
 #include <sys/msg.h>
 
 #include <cerrno>
@@ -8,10 +10,14 @@
 #include <nlohmann/json.hpp>
 
 #include "arguments.h"
+#include "base/clock.h"
+#include "base/failure.h"
+#include "base/signals.h"
 #include "commands.h"
-#include "console.h"
-#include "packets.h"
 #include "queues.h"
+#include "showing/json.h"
+#include "showing/piece_printer.h"
+#include "showing/text.h"
 
 namespace {
 
@@ -68,7 +74,7 @@ int play(const Options& options) {
       if (options.json) {
         nlohmann::json json = pieceJson(piece);
         json.update({{"time", timeOfDay()}, {"queue", queue->name}});
-        fmt::print("{}\n", dumpJson(json));
+        printJson(json);
       } else {
         printer.print(fmt::format("{}  {:<12}", timeOfDay(), queue->name), piece);
       }

@@ -1,10 +1,15 @@
 // Heartbeat after heartbeat, each with a tag of its own: the bounce must come, and then the reply with that tag.
+#include <fmt/format.h>
+
 #include <memory>
 #include <nlohmann/json.hpp>
 
 #include "arguments.h"
 #include "commands.h"
 #include "session.h"
+#include "showing/json.h"
+#include "showing/terminal.h"
+#include "showing/text.h"
 
 namespace {
 
@@ -53,7 +58,7 @@ int ping(const Options& options) {
   if (options.json) {
     nlohmann::json json = {{"sent", sent}, {"answered", answered}, {"lost", sent - answered}, {"unbounced", unbounced}};
     if (answered > 0) json["milliseconds"] = {{"min", shortest}, {"avg", average}, {"max", longest}};
-    fmt::print("{}\n", json.dump());
+    printJson(json);
   } else {
     fmt::print("\n{}, {} answered, {} lost{}\n", count(sent, "heartbeat"), answered, sent - answered,
                unbounced > 0 ? fmt::format(", {} without a bounce", unbounced) : "");

@@ -1,12 +1,17 @@
 // The six queues as a table. It only looks, so it can be watched on a live board.
+#include <fmt/format.h>
+
 #include <memory>
 #include <nlohmann/json.hpp>
 
 #include "arguments.h"
+#include "base/clock.h"
+#include "base/signals.h"
 #include "commands.h"
-#include "console.h"
-#include "packets.h"
 #include "queues.h"
+#include "showing/json.h"
+#include "showing/terminal.h"
+#include "showing/text.h"
 
 namespace {
 
@@ -18,13 +23,6 @@ struct Options {
 
 constexpr int narrow = 92;  // columns; a smaller terminal goes without the bars
 constexpr std::size_t barCells = 10;
-
-// "1.5K", as df(1) writes it.
-std::string shortSize(std::uint64_t bytes) {
-  std::string text = humanSize(bytes);
-  text.erase(text.find(' '), 1);
-  return text.substr(0, text.size() - (text.ends_with("iB") ? 2 : 1));
-}
 
 double idleSeconds(const QueueState& state) {
   const std::time_t last = std::max(state.lastSend, state.lastReceive);
@@ -80,7 +78,7 @@ void printTable(bool bars) {
   if (!notes.empty()) fmt::print("\n{}", notes);
 }
 
-void printJson() {
+void printList() {
   nlohmann::json list = nlohmann::json::array();
   const auto process = [](pid_t id) {
     const auto living = livingProcess(id);
@@ -102,7 +100,7 @@ void printJson() {
     }
     list.push_back(json);
   }
-  fmt::print("{}\n", dumpJson(list));
+  printJson(list);
 }
 
 int show(const Options& options) {
@@ -111,7 +109,7 @@ int show(const Options& options) {
     if (options.watch && width > 0 && !options.json) {
       fmt::print("\033[H\033[2J{}, every {:g} s; Ctrl-C ends\n\n", timeOfDay().substr(0, 8), options.interval);
     }
-    options.json ? printJson() : printTable(width == 0 || width >= narrow);
+    options.json ? printList() : printTable(width == 0 || width >= narrow);
     std::fflush(stdout);
     if (options.watch) nap(options.interval);
     if (options.watch && width == 0 && !options.json) fmt::print("\n");

@@ -1,4 +1,6 @@
 // Any bytes as one Bundle, and whatever comes back for a while.
+#include <fmt/format.h>
+
 #include <memory>
 #include <nlohmann/json.hpp>
 
@@ -6,6 +8,8 @@
 #include "commands.h"
 #include "queues.h"
 #include "session.h"
+#include "showing/json.h"
+#include "showing/piece_printer.h"
 
 namespace {
 
@@ -32,7 +36,7 @@ int sendRaw(const Options& options) {
     if (options.json) {
       nlohmann::json json = pieceJson(piece);
       json["milliseconds"] = time;
-      fmt::print("{}\n", dumpJson(json));
+      printJson(json);
     } else {
       printer.print(fmt::format("{:>10.3f}", time), piece);
     }

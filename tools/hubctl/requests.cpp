@@ -1,10 +1,13 @@
 // The two small requests: the version report, and the switch of Clocksteward.
+#include <fmt/format.h>
+
 #include <memory>
 #include <nlohmann/json.hpp>
 
 #include "arguments.h"
 #include "commands.h"
 #include "session.h"
+#include "showing/json.h"
 
 Action addVersion(CLI::App& app) {
   const auto options = std::make_shared<SessionOptions>();
@@ -14,7 +17,7 @@ Action addVersion(CLI::App& app) {
     const auto reply = session.request(HUBKEEPER_OPCODE_VERSION, HUBKEEPER_OPCODE_VERSION_REPLY, {}, options->wait);
     const std::string text(reply.payload.begin(), reply.payload.end());
     if (options->json) {
-      fmt::print("{}\n", dumpJson({{"version", text}}));
+      printJson({{"version", text}});
     } else {
       fmt::print("{}{}", text, text.empty() || text.back() == '\n' ? "" : "\n");
     }
@@ -44,7 +47,7 @@ Action addClocksteward(CLI::App& app) {
     session.put(makePacket(opcode, session.nextTag()), after(options->wait));
     session.awaitBounce(opcode, options->wait);
     if (options->json) {
-      fmt::print("{}\n", dumpJson({{"clocksteward", options->state}}));
+      printJson({{"clocksteward", options->state}});
     } else {
       fmt::print("Clocksteward is switched {}\n",
                  on ? "on: HubKeeper restarts it when it is dead" : "off: HubKeeper stops it and leaves it dead");

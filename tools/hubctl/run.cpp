@@ -1,5 +1,7 @@
 // A shell command on the board. Its output goes to a temporary file there, so that the exit status and the size of the
 // output come first in the reply, however long the output is, and a job left in the background holds nothing up.
+#include <fmt/format.h>
+
 #include <memory>
 #include <nlohmann/json.hpp>
 #include <sstream>
@@ -7,6 +9,9 @@
 #include "arguments.h"
 #include "board.h"
 #include "commands.h"
+#include "showing/json.h"
+#include "showing/progress.h"
+#include "showing/terminal.h"
 
 namespace {
 
@@ -88,7 +93,7 @@ int run(const Options& options) {
   if (options.json) {
     nlohmann::json json = {{"output", outcome.output}, {"cut", outcome.cut}};
     if (!options.raw) json.update({{"status", outcome.status}, {"bytes", outcome.size}});
-    fmt::print("{}\n", dumpJson(json));
+    printJson(json);
     return outcome.status == 0 ? 0 : 1;
   }
   std::fwrite(outcome.output.data(), 1, outcome.output.size(), stdout);

@@ -1,5 +1,7 @@
 // A file to the board: checked before, because a target that cannot be opened ends the service; paced by the bounces,
 // because a full queue would refuse a Bundle; compared afterwards, because nothing else notices a full disk.
+#include <fmt/format.h>
+
 #include <fcntl.h>
 #include <sys/stat.h>
 
@@ -12,6 +14,10 @@
 #include "arguments.h"
 #include "board.h"
 #include "commands.h"
+#include "showing/json.h"
+#include "showing/progress.h"
+#include "showing/terminal.h"
+#include "showing/text.h"
 
 namespace {
 
@@ -130,13 +136,13 @@ int send(Options options) {
   const bool summed = boardSum.size() == 64 && sum.size() == 64;
   const bool same = boardSize == size && (!summed || boardSum == sum);
   if (options.json) {
-    fmt::print("{}\n", dumpJson({{"target", options.target},
-                                 {"bytes", size},
-                                 {"seconds", seconds},
-                                 {"boardBytes", boardSize},
-                                 {"sha256", sum},
-                                 {"boardSha256", boardSum},
-                                 {"same", same}}));
+    printJson({{"target", options.target},
+               {"bytes", size},
+               {"seconds", seconds},
+               {"boardBytes", boardSize},
+               {"sha256", sum},
+               {"boardSha256", boardSum},
+               {"same", same}});
   }
   if (boardSize != size) {
     throw Failure(

@@ -1,5 +1,7 @@
 #include "session.h"
 
+#include <fmt/format.h>
+
 #include <sys/msg.h>
 #include <sys/time.h>
 
@@ -7,6 +9,8 @@
 #include <cstring>
 
 #include "queues.h"
+#include "showing/terminal.h"
+#include "showing/text.h"
 
 namespace {
 

@@ -7,8 +7,10 @@
 #include <optional>
 #include <string>
 
-#include "console.h"
-#include "packets.h"
+#include "base/clock.h"
+#include "base/failure.h"
+#include "base/pieces.h"
+#include "base/signals.h"
 
 struct SessionOptions {
   double wait = 5;  // seconds
