@@ -8,7 +8,7 @@
 
 #include "base/failure.h"
 #include "base/signals.h"
-#include "commands.h"
+#include "commands/commands.h"
 #include "showing/terminal.h"
 
 namespace {

@@ -8,7 +8,9 @@
 #include <cerrno>
 #include <cstring>
 
-#include "queues.h"
+#include "base/queues.h"
+#include "looking/queues.h"
+#include "looking/readers.h"
 #include "showing/terminal.h"
 #include "showing/text.h"
 
@@ -76,7 +78,7 @@ void Session::put(ByteView bundle, Clock::time_point deadline) {
     if (interrupted != 0) throw Failure("interrupted while queue 1002 was full");
     if (Clock::now() >= deadline) {
       throw Failure(fmt::format("queue 1002 has been full for {:.3g} s, so nothing was sent\n{}", secondsSince(start),
-                                explainSilence(0)));
+                                giveUp(0)));
     }
     if (msgsnd(inboundId, &frame, bundle.size(), 0) == 0) return;
   }
@@ -112,7 +114,7 @@ Session::Reply Session::request(std::uint8_t opcode, std::uint8_t replyOpcode, B
       return {Bytes(piece.payload.begin(), piece.payload.end()), bounce, secondsSince(start)};
     }
   }
-  throw Failure(explainSilence(wait));
+  throw Failure(giveUp(wait));
 }
 
 void Session::awaitBounce(std::uint8_t opcode, double wait) {
@@ -120,33 +122,16 @@ void Session::awaitBounce(std::uint8_t opcode, double wait) {
   while (const auto message = take(deadline)) {
     if (message->size() == 1 && message->front() == opcode) return;
   }
-  throw Failure(explainSilence(wait));
+  throw Failure(giveUp(wait));
 }
 
-std::string Session::explainSilence(double wait) {
-  const auto in = lookAt(inbound);
-  const auto out = lookAt(ridgelink);
+std::string Session::giveUp(double wait) {
+  std::string text = interrupted != 0 ? "interrupted before the answer came\n" : "";
+  if (interrupted == 0 && wait > 0) text = fmt::format("no answer within {:.3g} s\n", wait);
+  text += explainSilence();  // before anything is taken back
   Frame<HUBKEEPER_BUNDLE_MAX> frame;
   std::uint64_t takenBack = 0;
   while (msgrcv(inboundId, &frame, sizeof frame.text, ownType(), IPC_NOWAIT | MSG_NOERROR) >= 0) ++takenBack;
-
-  std::string text = interrupted != 0 ? "interrupted before the answer came" : "";
-  if (interrupted == 0 && wait > 0) text = fmt::format("no answer within {:.3g} s", wait);
-  if (!text.empty()) text += '\n';
-  if (!in || !out) return text + "the queues have been removed";
-  const std::string hub =
-      in->receiver == 0 ? "nobody has read from it yet" : "last read by " + describeProcess(in->receiver);
-  if (in->messages > 0) {
-    text += fmt::format("queue 1002 holds {}, {} of {} bytes ({}):\nHubKeeper is not running, or busy with a command",
-                        count(in->messages, "message"), in->bytes, in->capacity, hub);
-  } else if (out->receiver != 0 && out->receiver != getpid() && livingProcess(out->receiver)) {
-    text += fmt::format("queue 1002 is empty, but process {} took messages from queue 1003 too",
-                        describeProcess(out->receiver));
-  } else if (!livingProcess(in->receiver)) {
-    text += fmt::format("queue 1002 is empty ({}): HubKeeper has ended since", hub);
-  } else {
-    text += fmt::format("queue 1002 is empty ({}): HubKeeper took it and has not answered yet", hub);
-  }
   if (takenBack > 0) text += "\nthe request was taken back from the queue: it will not be carried out later";
   return text;
 }

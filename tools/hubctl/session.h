@@ -45,7 +45,7 @@ class Session {
 
   /// Takes this session's unread Bundles back, so that nothing is carried out later that nobody waits for, and returns
   /// the sentences that tell why no answer came.
-  [[nodiscard]] std::string explainSilence(double wait);
+  [[nodiscard]] std::string giveUp(double wait);
 
   std::uint16_t currentTag() const { return tag; }
 

@@ -4,8 +4,8 @@
 #include <memory>
 #include <nlohmann/json.hpp>
 
-#include "arguments.h"
-#include "commands.h"
+#include "commands/arguments.h"
+#include "commands/commands.h"
 #include "session.h"
 #include "showing/json.h"
 

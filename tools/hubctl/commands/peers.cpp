@@ -9,12 +9,14 @@
 #include <memory>
 #include <nlohmann/json.hpp>
 
-#include "arguments.h"
 #include "base/clock.h"
 #include "base/failure.h"
+#include "base/queues.h"
 #include "base/signals.h"
-#include "commands.h"
-#include "queues.h"
+#include "commands/arguments.h"
+#include "commands/commands.h"
+#include "looking/queues.h"
+#include "looking/readers.h"
 #include "showing/json.h"
 #include "showing/piece_printer.h"
 #include "showing/text.h"

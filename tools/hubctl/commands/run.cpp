@@ -6,9 +6,9 @@
 #include <nlohmann/json.hpp>
 #include <sstream>
 
-#include "arguments.h"
 #include "board.h"
-#include "commands.h"
+#include "commands/arguments.h"
+#include "commands/commands.h"
 #include "showing/json.h"
 #include "showing/progress.h"
 #include "showing/terminal.h"

@@ -1,4 +1,4 @@
-#include "arguments.h"
+#include "commands/arguments.h"
 
 #include <fmt/format.h>
 

@@ -4,9 +4,11 @@
 #include <memory>
 #include <nlohmann/json.hpp>
 
-#include "arguments.h"
-#include "commands.h"
-#include "queues.h"
+#include "base/queues.h"
+#include "commands/arguments.h"
+#include "commands/commands.h"
+#include "looking/queues.h"
+#include "looking/readers.h"
 #include "session.h"
 #include "showing/json.h"
 #include "showing/piece_printer.h"
@@ -42,7 +44,7 @@ int sendRaw(const Options& options) {
     }
     std::fflush(stdout);
   }
-  if (!answered) throw Failure(session.explainSilence(options.wait));
+  if (!answered) throw Failure(session.giveUp(options.wait));
   return 0;
 }
 
