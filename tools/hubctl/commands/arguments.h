@@ -2,17 +2,12 @@
 #pragma once
 
 #include <fmt/format.h>
-#include <CLI/CLI.hpp>
 
+#include <CLI/CLI.hpp>
 #include <string>
 #include <string_view>
 
 #include "base/pieces.h"
-#include "session.h"
-
-/// Bytes from hexadecimal digits, in pairs, with blanks, colons or commas anywhere between the pairs.
-/// Throws a WrongUsage that shows the place.
-Bytes parseHex(std::string_view text);
 
 /// A positional argument.
 template <class Value>
@@ -32,10 +27,6 @@ CLI::Option* addNumber(CLI::App& app, const std::string& names, Number& number, 
   return app.add_option(names, number, help)->type_name(unit)->check(CLI::Validator(check, ""));
 }
 
-/// -w, --force and --json of a command that talks to HubKeeper. `wait` tells what is waited for, and for how long.
-inline CLI::Option* addSessionOptions(CLI::App& app, SessionOptions& options, const std::string& wait) {
-  CLI::Option* option = addNumber(app, "-w,--wait", options.wait, "SECONDS", 0, wait);
-  app.add_flag("--force", options.force, "Go ahead beside another reader of queue 1003");
-  app.add_flag("--json", options.json, "Print the result as JSON");
-  return option;
-}
+/// Bytes from hexadecimal digits, in pairs, with blanks, colons or commas anywhere between the pairs.
+/// Throws a WrongUsage that shows the place.
+Bytes parseHex(std::string_view text);

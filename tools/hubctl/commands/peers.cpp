@@ -2,24 +2,19 @@
 // for together with others, so the queues are polled.
 #include <fmt/format.h>
 
-#include <sys/msg.h>
-
-#include <cerrno>
-#include <cstring>
 #include <memory>
 #include <nlohmann/json.hpp>
 
 #include "base/clock.h"
 #include "base/failure.h"
-#include "base/queues.h"
 #include "base/signals.h"
 #include "commands/arguments.h"
 #include "commands/commands.h"
-#include "looking/queues.h"
 #include "looking/readers.h"
 #include "showing/json.h"
 #include "showing/piece_printer.h"
 #include "showing/text.h"
+#include "talking/peer.h"
 
 namespace {
 
@@ -30,33 +25,26 @@ struct Options {
   bool json = false;
 };
 
+bool isPeers(const Queue& queue) { return !(queue == inbound || queue == ridgelink); }
+
 std::vector<const Queue*> choose(const std::vector<std::string>& names) {
   std::vector<const Queue*> chosen;
   for (const std::string& name : names) {
-    const Queue& queue = findQueue(name);
-    if (queue == inbound || queue == ridgelink) {
-      throw WrongUsage(fmt::format("queue \"{}\" belongs to no local process; hubctl peek looks into it", queue.name));
-    }
-    chosen.push_back(&queue);
+    chosen.push_back(&findQueue(name));
+    if (isPeers(*chosen.back())) continue;
+    throw WrongUsage(
+        fmt::format("queue \"{}\" belongs to no local process; hubctl peek looks into it", chosen.back()->name));
   }
   for (const Queue& queue : hubkeeper_queues) {
-    if (names.empty() && queue != inbound && queue != ridgelink) chosen.push_back(&queue);
+    if (names.empty() && isPeers(queue)) chosen.push_back(&queue);
   }
   return chosen;
 }
 
-// Takes the next message, if there is one. A queue that is missing or was removed is created, as any peer does.
-std::optional<Bytes> takeNext(const Queue& queue) {
-  struct {
-    long type;
-    std::uint8_t text[HUBKEEPER_BUNDLE_MAX];
-  } frame;
-  const int id = msgget(queue.key, IPC_CREAT | HUBKEEPER_QUEUE_MODE);
-  const ssize_t size = id == -1 ? -1 : msgrcv(id, &frame, sizeof frame.text, 0, IPC_NOWAIT | MSG_NOERROR);
-  if (size >= 0) return Bytes(frame.text, frame.text + size);
-  const int error = errno;
-  if (error == ENOMSG || error == EINTR || error == EIDRM || error == EINVAL) return std::nullopt;
-  throw Failure(fmt::format("cannot receive from queue {} ({}): {}", queue.key, queue.name, std::strerror(error)));
+void printPieceJson(const Queue& queue, const Piece& piece) {
+  nlohmann::json json = pieceJson(piece);
+  json.update({{"time", timeOfDay()}, {"queue", queue.name}});
+  printJson(json);
 }
 
 int play(const Options& options) {
@@ -69,17 +57,12 @@ int play(const Options& options) {
   while (wanted()) {
     const unsigned before = taken;
     for (const Queue* queue : queues) {
-      const auto message = wanted() ? takeNext(*queue) : std::nullopt;
+      const auto message = wanted() ? takeAsPeer(*queue) : std::nullopt;
       if (!message) continue;
       ++taken;
       const Piece piece = split(*queue, *message).front();
-      if (options.json) {
-        nlohmann::json json = pieceJson(piece);
-        json.update({{"time", timeOfDay()}, {"queue", queue->name}});
-        printJson(json);
-      } else {
-        printer.print(fmt::format("{}  {:<12}", timeOfDay(), queue->name), piece);
-      }
+      options.json ? printPieceJson(*queue, piece)
+                   : printer.print(fmt::format("{}  {:<12}", timeOfDay(), queue->name), piece);
     }
     std::fflush(stdout);
     if (taken == before) nap(0.01);

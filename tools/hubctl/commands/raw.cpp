@@ -4,27 +4,36 @@
 #include <memory>
 #include <nlohmann/json.hpp>
 
-#include "base/queues.h"
-#include "commands/arguments.h"
+#include "base/clock.h"
 #include "commands/commands.h"
-#include "looking/queues.h"
-#include "looking/readers.h"
-#include "session.h"
+#include "commands/session_options.h"
 #include "showing/json.h"
 #include "showing/piece_printer.h"
+#include "talking/requests.h"
 
 namespace {
 
-struct Options : SessionOptions {
+struct Options : TalkOptions {
   std::vector<std::string> hex;
 };
 
-int sendRaw(const Options& options) {
+Bytes joinBytes(const std::vector<std::string>& words) {
   Bytes bundle;
-  for (const std::string& word : options.hex) {
+  for (const std::string& word : words) {
     const Bytes bytes = parseHex(word);
     bundle.insert(bundle.end(), bytes.begin(), bytes.end());
   }
+  return bundle;
+}
+
+void printPieceJson(double milliseconds, const Piece& piece) {
+  nlohmann::json json = pieceJson(piece);
+  json["milliseconds"] = milliseconds;
+  printJson(json);
+}
+
+int sendRaw(const Options& options) {
+  const Bytes bundle = joinBytes(options.hex);
   Session session(options);
   PiecePrinter printer(fmt::format("{:>10}", "MS"));
   const Clock::time_point start = Clock::now();
@@ -35,16 +44,10 @@ int sendRaw(const Options& options) {
     answered = true;
     const double time = secondsSince(start) * 1000;
     const Piece piece = split(ridgelink, *message).front();
-    if (options.json) {
-      nlohmann::json json = pieceJson(piece);
-      json["milliseconds"] = time;
-      printJson(json);
-    } else {
-      printer.print(fmt::format("{:>10.3f}", time), piece);
-    }
+    options.json ? printPieceJson(time, piece) : printer.print(fmt::format("{:>10.3f}", time), piece);
     std::fflush(stdout);
   }
-  if (!answered) throw Failure(session.giveUp(options.wait));
+  if (!answered) throw unanswered(session, options.wait);
   return 0;
 }
 

@@ -1,118 +1,68 @@
-// A shell command on the board. Its output goes to a temporary file there, so that the exit status and the size of the
-// output come first in the reply, however long the output is, and a job left in the background holds nothing up.
+// A shell command on the board, and what it printed.
 #include <fmt/format.h>
 
 #include <memory>
 #include <nlohmann/json.hpp>
-#include <sstream>
 
-#include "board.h"
-#include "commands/arguments.h"
+#include "base/clock.h"
+#include "base/failure.h"
 #include "commands/commands.h"
+#include "commands/session_options.h"
 #include "showing/json.h"
-#include "showing/progress.h"
 #include "showing/terminal.h"
+#include "talking/remote_command.h"
 
 namespace {
 
-struct Options : SessionOptions {
+struct Options : TalkOptions {
   bool raw = false;
   bool all = false;
   double timeout = 0;
   std::string command;
 };
 
-struct Outcome {
-  int status = 0;
-  std::uint64_t size = 0;  // of the whole output
-  std::string output;
-  bool cut = false;
-};
-
-std::string fetch(Session& session, const std::string& file, std::uint64_t size, double wait) {
-  std::string content;
-  Progress progress(size);
-  for (std::uint64_t piece = 0; content.size() < size; ++piece) {
-    const std::string bytes = runScript(
-        session, fmt::format("dd if={} bs={} skip={} count=1 2>/dev/null", file, HUBKEEPER_PAYLOAD_MAX, piece), wait);
-    if (bytes.empty()) throw Failure("the output kept on the board has become shorter");
-    content += bytes;
-    progress.show(content.size());
+void checkOptions(const Options& options, const std::vector<std::string>& words) {
+  if (options.command.empty()) throw WrongUsage("COMMAND is required");
+  if (options.command.front() == '-') throw WrongUsage(words.front() + " is no option of run");
+  if (options.raw && (options.all || options.timeout > 0)) {
+    throw WrongUsage("--raw sends the text untouched, so --all and --timeout cannot go with it");
   }
-  content.resize(static_cast<std::size_t>(size));  // a job in the background may have gone on writing
-  return content;
 }
 
-// The same, and removes the file from the board, whatever happens; a Ctrl-C ends the fetching, not the tidying up.
-std::string fetchAndRemove(Session& session, const std::string& file, std::uint64_t size, double wait) {
-  const auto remove = [&] {
-    interrupted = 0;
-    runScript(session, "rm -f " + file, wait);
-  };
-  std::string content;
-  try {
-    content = fetch(session, file, size, wait);
-  } catch (const Failure&) {
-    remove();
-    throw;
-  }
-  remove();
-  return content;
+void printOutcomeJson(const Outcome& outcome) {
+  nlohmann::json json = {{"output", outcome.output}, {"cut", outcome.cut}};
+  if (outcome.status) json.update({{"status", *outcome.status}, {"bytes", outcome.size}});
+  printJson(json);
 }
 
-Outcome runWrapped(Session& session, const Options& options) {
-  const std::string limit = options.timeout > 0 ? fmt::format("timeout {:g} ", options.timeout) : "";
-  const std::string reply = runScript(
-      session,
-      fmt::format("t=$(mktemp /tmp/hubctl.XXXXXX) && {{ {}sh -c {} </dev/null >$t 2>&1; echo $? $(wc -c <$t) {}; }}",
-                  limit, shellQuote(options.command), options.all ? "$t" : "; head -c 507 $t; rm -f $t"),
-      options.wait);
-  std::istringstream header(reply.substr(0, reply.find('\n')));
-  Outcome outcome;
-  std::string path;
-  if (!(header >> outcome.status >> outcome.size) || (options.all && !(header >> path))) {
-    throw Failure("the board could not prepare the command; it said\n" + reply);
-  }
-  outcome.output = reply.substr(std::min(reply.size(), reply.find('\n') + 1));
-  if (options.all) outcome.output = fetchAndRemove(session, shellQuote(path), outcome.size, options.wait);
-  outcome.cut = outcome.output.size() < outcome.size;
-  return outcome;
+void printOutput(const Outcome& outcome) {
+  std::fwrite(outcome.output.data(), 1, outcome.output.size(), stdout);
+  if (terminalWidth() > 0 && !outcome.output.empty() && outcome.output.back() != '\n') fmt::print("\n");
+  std::fflush(stdout);
+  if (!outcome.cut) return;
+  complain(outcome.status
+               ? fmt::format("cut after {} of {} bytes; --all fetches the rest", outcome.output.size(), outcome.size)
+               : fmt::format("{} bytes came back, all that a reply holds: the output may be cut", outcome.size));
+}
+
+void tellStatus(int status, double seconds, bool limited) {
+  const std::string text = fmt::format("exit status {} after {:.3f} s{}", status, seconds,
+                                       limited && status == 124 ? ": stopped by the time-out" : "");
+  fmt::print(stderr, "{}\n", inked(status == 0 ? Ink::dim : Ink::red, text, STDERR_FILENO));
 }
 
 int run(const Options& options) {
   Session session(options);
-  Outcome outcome;
   const Clock::time_point start = Clock::now();
-  if (options.raw) {
-    outcome.output = runText(session, options.command, options.wait);
-    outcome.size = outcome.output.size();
-    outcome.cut = outcome.size == HUBKEEPER_PAYLOAD_MAX;
-  } else {
-    outcome = runWrapped(session, options);
-  }
+  const Outcome outcome = options.raw ? runAsItIs(session, options.command)
+                                      : runCommand(session, options.command, options.timeout, options.all);
   if (options.json) {
-    nlohmann::json json = {{"output", outcome.output}, {"cut", outcome.cut}};
-    if (!options.raw) json.update({{"status", outcome.status}, {"bytes", outcome.size}});
-    printJson(json);
-    return outcome.status == 0 ? 0 : 1;
+    printOutcomeJson(outcome);
+  } else {
+    printOutput(outcome);
+    if (outcome.status) tellStatus(*outcome.status, secondsSince(start), options.timeout > 0);
   }
-  std::fwrite(outcome.output.data(), 1, outcome.output.size(), stdout);
-  if (terminalWidth() > 0 && !outcome.output.empty() && outcome.output.back() != '\n') fmt::print("\n");
-  if (options.raw) {
-    if (outcome.cut) complain("507 bytes came back, all that a reply holds: the output may be cut");
-    return 0;
-  }
-  if (outcome.cut) {
-    complain(fmt::format("cut after {} of {} bytes; --all fetches the rest", outcome.output.size(), outcome.size));
-  }
-  const bool timedOut = options.timeout > 0 && outcome.status == 124;
-  std::fflush(stdout);
-  fmt::print(stderr, "{}\n",
-             inked(outcome.status == 0 ? Ink::dim : Ink::red,
-                   fmt::format("exit status {} after {:.3f} s{}", outcome.status, secondsSince(start),
-                               timedOut ? ": stopped by the time-out" : ""),
-                   STDERR_FILENO));
-  return outcome.status == 0 ? 0 : 1;
+  return outcome.status.value_or(0) == 0 ? 0 : 1;
 }
 
 }  // namespace
@@ -128,13 +78,10 @@ Action addRun(CLI::App& app) {
       "COMMAND is one text or several words, as for ssh: hubctl run 'cd /tmp; ls | wc -l'\n"
       "It runs as HubKeeper's user, and HubKeeper does nothing else meanwhile.\n"
       "Status 0 when the command's was 0.");
-  return [options, wait, words = &app] {
-    options->command = fmt::format("{}", fmt::join(words->remaining(), " "));
-    if (options->command.empty()) throw WrongUsage("COMMAND is required");
-    if (options->command.front() == '-') throw WrongUsage(words->remaining().front() + " is no option of run");
-    if (options->raw && (options->all || options->timeout > 0)) {
-      throw WrongUsage("--raw sends the text untouched, so --all and --timeout cannot go with it");
-    }
+  return [options, wait, subcommand = &app] {
+    const std::vector<std::string> words = subcommand->remaining();
+    options->command = fmt::format("{}", fmt::join(words, " "));
+    checkOptions(*options, words);
     if (wait->count() == 0) options->wait = options->timeout > 0 ? options->timeout + 5 : 30;
     return run(*options);
   };

@@ -1,6 +1,9 @@
-#include "board.h"
+#include "talking/board.h"
 
 #include <fmt/format.h>
+
+#include "base/failure.h"
+#include "talking/requests.h"
 
 std::string shellQuote(std::string_view text) {
   std::string word = "'";
@@ -8,17 +11,16 @@ std::string shellQuote(std::string_view text) {
   return word + "'";
 }
 
-std::string runText(Session& session, const std::string& text, double wait) {
+std::string runText(Session& session, const std::string& text, std::optional<double> wait) {
   if (text.size() > HUBKEEPER_COMMAND_MAX) {
     throw Failure(fmt::format("the board takes {} characters of command text; with its quoting this has {}",
                               HUBKEEPER_COMMAND_MAX, text.size()));
   }
-  const auto* begin = reinterpret_cast<const std::uint8_t*>(text.c_str());
-  const auto reply = session.request(HUBKEEPER_OPCODE_COMMAND, HUBKEEPER_OPCODE_COMMAND_REPLY, {begin, text.size() + 1},
-                                     wait);  // with its NUL
+  const ByteView payload(reinterpret_cast<const std::uint8_t*>(text.c_str()), text.size() + 1);  // with its NUL
+  const Reply reply = request(session, HUBKEEPER_OPCODE_COMMAND, HUBKEEPER_OPCODE_COMMAND_REPLY, payload, wait);
   return {reply.payload.begin(), reply.payload.end()};
 }
 
-std::string runScript(Session& session, const std::string& script, double wait) {
+std::string runScript(Session& session, const std::string& script, std::optional<double> wait) {
   return runText(session, "{ " + script + "; }", wait);
 }
