@@ -110,9 +110,9 @@ std::optional<Bytes> Session::take(Clock::time_point deadline) {
 }
 
 std::string Session::giveUp() {
-  const std::string why = explainSilence();  // as long as the request stands there to be seen
-  if (!takeBack()) return why;
-  return why + "\nthe request was taken back from the queue: it will not be carried out later";
+  std::string why = explainSilence();  // as long as the request stands there to be seen
+  if (takeBack()) why += "\nthe request was taken back from the queue: it will not be carried out later";
+  return why;
 }
 
 bool Session::takeBack() {
