@@ -1,11 +1,20 @@
 // hubctl: a console that plays Ridgelink. This file holds the table of subcommands, from which the help is printed, and
 // turns what goes wrong into a sentence on stderr and an exit status: 0 done, 1 failed, 2 wrong usage.
+//
+// Includes point one way through the rooms: base, on which all stand, showing, looking, talking, commands. Looking takes
+// and sends nothing; a subcommand that includes nothing of talking cannot disturb a board.
+#include <fmt/format.h>
+
 #include <CLI/CLI.hpp>
+#include <cstdio>
 #include <map>
 #include <memory>
+#include <string>
 
-#include "commands.h"
-#include "console.h"
+#include "base/failure.h"
+#include "base/signals.h"
+#include "commands/commands.h"
+#include "showing/terminal.h"
 
 namespace {
 
@@ -39,8 +48,8 @@ struct HelpFormatter : CLI::Formatter {
   }
 };
 
-int runChosen(int argc, char** argv) {
-  CLI::App app("hubctl plays Ridgelink: it talks to HubKeeper through its message queues.", "hubctl");
+// Declares all that a command line may hold, and returns what each subcommand does.
+std::map<std::string, Action> declare(CLI::App& app) {
   app.set_version_flag("--version", std::string("hubctl " HUBCTL_VERSION), "Print the version");
   app.set_help_flag("-h,--help", "Print this help");
   app.require_subcommand(1);
@@ -55,28 +64,39 @@ int runChosen(int argc, char** argv) {
   app.formatter(std::make_shared<CLI::Formatter>());
   app.get_formatter()->column_width(16);
   app.footer(footer);
+  return actions;
+}
 
-  const auto chosen = [&] {
-    return app.get_subcommands().empty() ? std::string() : app.get_subcommands().front()->get_name();
-  };
-  const auto wrongUsage = [&](const std::string& text) {
-    complain(fmt::format("{}\ntry: hubctl {}{}--help", text, chosen(), chosen().empty() ? "" : " "));
+std::string chosen(const CLI::App& app) {
+  return app.get_subcommands().empty() ? std::string() : app.get_subcommands().front()->get_name();
+}
+
+int refuse(const CLI::App& app, const std::string& why) {
+  complain(fmt::format("{}\ntry: hubctl {}{}--help", why, chosen(app), chosen(app).empty() ? "" : " "));
+  return 2;
+}
+
+int refuseUnparsed(const CLI::App& app, int argc, char** argv, const CLI::ParseError& error) {
+  if (argc == 1) {
+    fmt::print(stderr, "{}", app.help());
     return 2;
-  };
+  }
+  const bool unknown = chosen(app).empty() && argv[1][0] != '-';
+  return refuse(app, unknown ? fmt::format("there is no subcommand \"{}\"", argv[1]) : error.what());
+}
+
+int runChosen(int argc, char** argv) {
+  CLI::App app("hubctl plays Ridgelink: it talks to HubKeeper through its message queues.", "hubctl");
+  const auto actions = declare(app);
   try {
     app.parse(argc, argv);
-    return actions[chosen()]();
+    return actions.at(chosen(app))();
   } catch (const CLI::Success& request) {
     return app.exit(request);  // --help and --version
   } catch (const CLI::ParseError& error) {
-    if (argc == 1) {
-      fmt::print(stderr, "{}", app.help());
-      return 2;
-    }
-    const bool unknown = chosen().empty() && argv[1][0] != '-';
-    return wrongUsage(unknown ? fmt::format("there is no subcommand \"{}\"", argv[1]) : error.what());
+    return refuseUnparsed(app, argc, argv, error);
   } catch (const WrongUsage& error) {
-    return wrongUsage(error.what());
+    return refuse(app, error.what());
   } catch (const std::exception& error) {
     complain(error.what());
     return 1;

@@ -1,0 +1,83 @@
+// Plays the local processes on the bench: drains their queues and prints each Packet. A System V queue cannot be waited
+// for together with others, so the queues are polled.
+#include <fmt/format.h>
+
+#include <memory>
+#include <nlohmann/json.hpp>
+
+#include "base/clock.h"
+#include "base/failure.h"
+#include "base/signals.h"
+#include "commands/arguments.h"
+#include "commands/commands.h"
+#include "looking/readers.h"
+#include "showing/json.h"
+#include "showing/piece_printer.h"
+#include "showing/text.h"
+#include "talking/peer.h"
+
+namespace {
+
+struct Options {
+  std::vector<std::string> names;
+  unsigned most = 0;
+  bool force = false;
+  bool json = false;
+};
+
+bool isPeers(const Queue& queue) { return !(queue == inbound || queue == ridgelink); }
+
+std::vector<const Queue*> choose(const std::vector<std::string>& names) {
+  std::vector<const Queue*> chosen;
+  for (const std::string& name : names) {
+    chosen.push_back(&findQueue(name));
+    if (isPeers(*chosen.back())) continue;
+    throw WrongUsage(
+        fmt::format("queue \"{}\" belongs to no local process; hubctl peek looks into it", chosen.back()->name));
+  }
+  for (const Queue& queue : hubkeeper_queues) {
+    if (names.empty() && isPeers(queue)) chosen.push_back(&queue);
+  }
+  return chosen;
+}
+
+void printPieceJson(const Queue& queue, const Piece& piece) {
+  nlohmann::json json = pieceJson(piece);
+  json.update({{"time", timeOfDay()}, {"queue", queue.name}});
+  printJson(json);
+}
+
+int play(const Options& options) {
+  const std::vector<const Queue*> queues = choose(options.names);
+  for (const Queue* queue : queues) refuseBesideReader(*queue, options.force);
+  PiecePrinter printer(fmt::format("{:<12}  {:<12}", "TIME", "QUEUE"));
+  if (!options.json) printer.printTitles();
+  unsigned taken = 0;
+  const auto wanted = [&] { return interrupted == 0 && (options.most == 0 || taken < options.most); };
+  while (wanted()) {
+    const unsigned before = taken;
+    for (const Queue* queue : queues) {
+      const auto message = wanted() ? takeAsPeer(*queue) : std::nullopt;
+      if (!message) continue;
+      ++taken;
+      const Piece piece = split(*queue, *message).front();
+      options.json ? printPieceJson(*queue, piece)
+                   : printer.print(fmt::format("{}  {:<12}", timeOfDay(), queue->name), piece);
+    }
+    std::fflush(stdout);
+    if (taken == before) nap(0.01);
+  }
+  return 0;
+}
+
+}  // namespace
+
+Action addPeers(CLI::App& app) {
+  const auto options = std::make_shared<Options>();
+  addArgument(app, "NAME", options->names, "Whose queue, as in \"hubctl queues\" (default all four)");
+  addNumber(app, "-n,--number", options->most, "N", 1, "Stop after N messages; otherwise at Ctrl-C");
+  app.add_flag("--force", options->force, "Go ahead beside the real process");
+  app.add_flag("--json", options->json, "Print each message as one JSON object");
+  app.footer("For the bench: what is printed has been taken, and reaches no other process.");
+  return [options] { return play(*options); };
+}

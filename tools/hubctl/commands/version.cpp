@@ -1,0 +1,36 @@
+// The version report.
+#include <fmt/format.h>
+
+#include <memory>
+#include <nlohmann/json.hpp>
+
+#include "base/failure.h"
+#include "commands/commands.h"
+#include "commands/session_options.h"
+#include "showing/json.h"
+#include "talking/requests.h"
+
+namespace {
+
+int showVersion(const TalkOptions& options) {
+  Session session(options);
+  const Reply reply = request(session, HUBKEEPER_OPCODE_VERSION, HUBKEEPER_OPCODE_VERSION_REPLY);
+  const std::string text(reply.payload.begin(), reply.payload.end());
+  if (options.json) {
+    printJson({{"version", text}});
+  } else {
+    fmt::print("{}{}", text, text.empty() || text.back() == '\n' ? "" : "\n");
+  }
+  if (!text.empty()) return 0;
+  throw Failure(
+      "the board has no version to report: the reply is empty\n"
+      "/etc/build-version, or else /etc/os-release, must hold 1 to 506 bytes");
+}
+
+}  // namespace
+
+Action addVersion(CLI::App& app) {
+  const auto options = std::make_shared<TalkOptions>();
+  addSessionOptions(app, *options, "Wait this long for the reply (default 5)");
+  return [options] { return showVersion(*options); };
+}

@@ -1,0 +1,36 @@
+#include "looking/copies.h"
+
+#include <fmt/format.h>
+#include <sys/msg.h>
+
+#include <cerrno>
+#include <cstring>
+
+#include "base/failure.h"
+#include "looking/kernel_limits.h"
+#include "looking/queues.h"
+
+namespace {
+
+int handleOf(const Queue& queue) {
+  if (const auto state = lookAt(queue)) return state->handle;
+  throw Failure(fmt::format("queue {} ({}) does not exist", queue.key, queue.name));
+}
+
+}  // namespace
+
+// A copy cannot be cut, so there is room for the longest message that the kernel allows.
+Copies::Copies(const Queue& queue) : source(queue), handle(handleOf(queue)), room(longestMessage()), frame(room) {}
+
+std::optional<ByteView> Copies::at(unsigned place) {
+  const ssize_t size = msgrcv(handle, frame.message(), room, place, MSG_COPY | IPC_NOWAIT);
+  if (size >= 0) return ByteView(frame.text(), static_cast<std::size_t>(size));
+  const int error = errno;
+  if (error == ENOMSG || error == EIDRM) return std::nullopt;
+  if (error == ENOSYS || (error == EINVAL && place == 0)) {
+    throw Failure(
+        "this kernel cannot copy a message: it was built without CONFIG_CHECKPOINT_RESTORE\n"
+        "hubctl queues still tells how many wait");
+  }
+  throw Failure(fmt::format("cannot read queue {}: {}", source.key, std::strerror(error)));
+}

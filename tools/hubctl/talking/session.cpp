@@ -1,0 +1,125 @@
+#include "talking/session.h"
+
+#include <fmt/format.h>
+#include <sys/msg.h>
+#include <sys/time.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
+
+#include "base/failure.h"
+#include "base/frame.h"
+#include "base/signals.h"
+#include "looking/kernel_limits.h"
+#include "looking/readers.h"
+#include "showing/terminal.h"
+#include "showing/text.h"
+
+namespace {
+
+// HubKeeper takes messages of any type, so the type tells which Bundles are this session's own.
+long ownType() { return 0x1000000L + getpid(); }
+
+// A late reply to an earlier session must not pass for an answer to this one, so tags do not begin at 1 each time but
+// where the clock stands. The ten lowest bits are left out: they are finer than many clocks count.
+std::uint16_t firstTag() {
+  return static_cast<std::uint16_t>(std::chrono::system_clock::now().time_since_epoch().count() >> 10);
+}
+
+// A queue call has no time-out. While one blocks, a timer interrupts it again and again, so that a signal which falls
+// just before the call is not missed.
+class Ticking {
+ public:
+  Ticking() { set({{0, 10000}, {0, 10000}}); }
+  ~Ticking() { set({}); }
+  Ticking(const Ticking&) = delete;
+  Ticking& operator=(const Ticking&) = delete;
+
+ private:
+  static void set(const itimerval& timer) { setitimer(ITIMER_REAL, &timer, nullptr); }
+};
+
+int openExisting(const Queue& queue) {
+  const int handle = msgget(queue.key, 0);
+  if (handle != -1) return handle;
+  throw Failure(
+      fmt::format("queue {} ({} to {}) does not exist: HubKeeper has never run here", queue.key, queue.from, queue.to));
+}
+
+[[noreturn]] void failOn(const Queue& queue, const char* verb) {
+  const int error = errno;
+  const char* hint = error == EACCES ? "\nthe queues belong to the user that HubKeeper runs as, mostly root"
+                     : error == EINVAL || error == EIDRM ? "\nthe queue was removed"
+                                                         : "";
+  throw Failure(fmt::format("cannot {} queue {} ({}): {}{}", verb, queue.key, queue.name, std::strerror(error), hint));
+}
+
+}  // namespace
+
+Session::Session(const SessionOptions& options)
+    : inboundHandle(openExisting(inbound)),
+      ridgelinkHandle(openExisting(ridgelink)),
+      longest(longestMessage()),
+      tag(firstTag()),
+      patience(options.wait) {
+  refuseBesideReader(ridgelink, options.force);
+  std::uint64_t leftovers = 0;
+  while (take(Clock::time_point::min())) ++leftovers;
+  if (leftovers == 0) return;
+  complain(fmt::format("took {} first that had been left in queue 1003", count(leftovers, "message")));
+}
+
+void Session::put(ByteView bundle, Clock::time_point deadline) {
+  if (bundle.size() > longest) {
+    throw WrongUsage(fmt::format("the kernel takes messages of {} bytes at most (/proc/sys/kernel/msgmax); this has {}",
+                                 longest, bundle.size()));
+  }
+  Frame frame(bundle.size(), ownType());
+  std::copy(bundle.begin(), bundle.end(), frame.text());
+  if (msgsnd(inboundHandle, frame.message(), bundle.size(), IPC_NOWAIT) == 0) return;
+  const Ticking ticking;
+  const Clock::time_point start = Clock::now();
+  while (errno == EAGAIN || errno == EINTR) {
+    if (interrupted != 0) throw Failure("interrupted while queue 1002 was full");
+    if (Clock::now() >= deadline) {
+      throw Failure(
+          fmt::format("queue 1002 has been full for {:.3g} s, so nothing was sent\n{}", secondsSince(start), giveUp()));
+    }
+    if (msgsnd(inboundHandle, frame.message(), bundle.size(), 0) == 0) return;
+  }
+  failOn(inbound, "send on");
+}
+
+std::optional<Bytes> Session::take(Clock::time_point deadline) {
+  Frame frame(HUBKEEPER_BUNDLE_MAX);
+  const auto receive = [&](int flags) {
+    return msgrcv(ridgelinkHandle, frame.message(), HUBKEEPER_BUNDLE_MAX, 0, flags | MSG_NOERROR);
+  };
+  ssize_t size = receive(IPC_NOWAIT);
+  if (size == -1 && errno == ENOMSG) {
+    const Ticking ticking;
+    while (size == -1 && (errno == ENOMSG || errno == EINTR)) {
+      if (interrupted != 0 || Clock::now() >= deadline) return std::nullopt;
+      size = receive(0);
+    }
+  }
+  if (size == -1) failOn(ridgelink, "receive from");
+  return Bytes(frame.text(), frame.text() + size);
+}
+
+std::string Session::giveUp() {
+  std::string why = explainSilence();  // as long as the request stands there to be seen
+  if (takeBack()) why += "\nthe request was taken back from the queue: it will not be carried out later";
+  return why;
+}
+
+bool Session::takeBack() {
+  Frame frame(HUBKEEPER_BUNDLE_MAX);
+  bool any = false;
+  while (msgrcv(inboundHandle, frame.message(), HUBKEEPER_BUNDLE_MAX, ownType(), IPC_NOWAIT | MSG_NOERROR) >= 0) {
+    any = true;
+  }
+  return any;
+}
