@@ -126,9 +126,10 @@ TEST(Process, EndsInOrderWhileOtherThreadsLog) {
   // The monitor thread logs without a pause while the main thread gives up; nothing may be torn away from under it.
   writeFile(configPath, "service=/nowhere/a\nservice=/nowhere/b\n");
   for (int i = 0; i < 200; ++i) {
-    std::FILE* output = popen(
-        "TSAN_OPTIONS=\"$TSAN_OPTIONS atexit_sleep_ms=0\" HUB_FAILURE=clock_nanosleep:0:22:0 exec " HASTY " 2>/dev/null",
-        "r");
+    std::FILE* output =
+        popen("TSAN_OPTIONS=\"$TSAN_OPTIONS atexit_sleep_ms=0\" HUB_FAILURE=clock_nanosleep:0:22:0 exec " HASTY
+              " 2>/dev/null",
+              "r");
     std::string printed;
     for (char piece[4096]; fgets(piece, sizeof piece, output) != nullptr;) printed += piece;
     ASSERT_EQ(pclose(output), 1 << 8) << printed;

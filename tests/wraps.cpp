@@ -41,11 +41,11 @@ void planFailure(const std::string& call, int skip, int error) {
 }
 
 // `failed` is what the call returns then: its error number, or a mark with the number in errno.
-#define WRAP(type, name, failed, parameters, arguments)               \
-  extern "C" type __real_##name parameters;                           \
-  extern "C" type __wrap_##name parameters {                          \
+#define WRAP(type, name, failed, parameters, arguments)                 \
+  extern "C" type __real_##name parameters;                             \
+  extern "C" type __wrap_##name parameters {                            \
     if (const int error = failure(#name)) return errno = error, failed; \
-    return __real_##name arguments;                                   \
+    return __real_##name arguments;                                     \
   }
 WRAP(int, msgget, -1, (key_t key, int flags), (key, flags))
 WRAP(int, msgctl, -1, (int id, int command, void* stats), (id, command, stats))
