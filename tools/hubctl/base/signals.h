@@ -3,8 +3,8 @@
 
 #include <csignal>
 
-/// Set by SIGINT, SIGTERM and SIGHUP. A blocking queue call returns soon after; a command that must tidy up clears it first.
+/// Set by SIGINT, SIGTERM and SIGHUP. A wait ends soon after; a command that must tidy up clears it first.
 extern volatile std::sig_atomic_t interrupted;
 
-/// Makes those signals set `interrupted`, and a SIGALRM do nothing but end a blocking queue call.
+/// Makes those signals set `interrupted`.
 void catchSignals();

@@ -10,9 +10,11 @@
 #include "base/signals.h"
 #include "commands/arguments.h"
 #include "commands/commands.h"
+#include "looking/queues.h"
 #include "looking/readers.h"
 #include "showing/json.h"
 #include "showing/piece_printer.h"
+#include "showing/terminal.h"
 #include "showing/text.h"
 #include "talking/peer.h"
 
@@ -27,18 +29,25 @@ struct Options {
 
 bool isPeers(const Queue& queue) { return !(queue == inbound || queue == ridgelink); }
 
-std::vector<const Queue*> choose(const std::vector<std::string>& names) {
-  std::vector<const Queue*> chosen;
+std::vector<Peer> choose(const std::vector<std::string>& names) {
+  std::vector<Peer> chosen;
   for (const std::string& name : names) {
-    chosen.push_back(&findQueue(name));
-    if (isPeers(*chosen.back())) continue;
-    throw WrongUsage(
-        fmt::format("queue \"{}\" belongs to no local process; hubctl peek looks into it", chosen.back()->name));
+    const Queue& queue = *chosen.emplace_back(findQueue(name)).queue;
+    if (isPeers(queue)) continue;
+    throw WrongUsage(fmt::format("queue \"{}\" belongs to no local process; hubctl peek looks into it", queue.name));
   }
   for (const Queue& queue : hubkeeper_queues) {
-    if (names.empty() && isPeers(queue)) chosen.push_back(&queue);
+    if (names.empty() && isPeers(queue)) chosen.emplace_back(queue);
   }
   return chosen;
+}
+
+void tellOfMissing(const std::vector<Peer>& peers) {
+  for (const Peer& peer : peers) {
+    if (lookAt(*peer.queue)) continue;
+    complain(fmt::format("queue {} ({}) does not exist yet: HubKeeper makes it when it starts", peer.queue->key,
+                         peer.queue->name));
+  }
 }
 
 void printPieceJson(const Queue& queue, const Piece& piece) {
@@ -48,21 +57,22 @@ void printPieceJson(const Queue& queue, const Piece& piece) {
 }
 
 int play(const Options& options) {
-  const std::vector<const Queue*> queues = choose(options.names);
-  for (const Queue* queue : queues) refuseBesideReader(*queue, options.force);
+  std::vector<Peer> peers = choose(options.names);
+  for (const Peer& peer : peers) refuseBesideReader(*peer.queue, options.force);
+  tellOfMissing(peers);
   PiecePrinter printer(fmt::format("{:<12}  {:<12}", "TIME", "QUEUE"));
   if (!options.json) printer.printTitles();
   unsigned taken = 0;
   const auto wanted = [&] { return interrupted == 0 && (options.most == 0 || taken < options.most); };
   while (wanted()) {
     const unsigned before = taken;
-    for (const Queue* queue : queues) {
-      const auto message = wanted() ? takeAsPeer(*queue) : std::nullopt;
+    for (Peer& peer : peers) {
+      const auto message = wanted() ? takeNext(peer) : std::nullopt;
       if (!message) continue;
       ++taken;
-      const Piece piece = split(*queue, *message).front();
-      options.json ? printPieceJson(*queue, piece)
-                   : printer.print(fmt::format("{}  {:<12}", timeOfDay(), queue->name), piece);
+      const Piece piece = split(*peer.queue, *message).front();
+      options.json ? printPieceJson(*peer.queue, piece)
+                   : printer.print(fmt::format("{}  {:<12}", timeOfDay(), peer.queue->name), piece);
     }
     std::fflush(stdout);
     if (taken == before) nap(0.01);

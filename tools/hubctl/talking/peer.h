@@ -1,9 +1,18 @@
-// The other end of a local process's queue, played on the bench.
+// The other end of a local process's queue, played on the bench. Nothing here creates a queue: who does owns it, and a
+// service of another user's refuses to start beside it.
 #pragma once
 
 #include <optional>
 
 #include "base/pieces.h"
+#include "base/queues.h"
+#include "hubkeeper/queue.h"
 
-/// Takes the next message of a queue, if there is one. A queue that is missing or was removed is created, as any peer does.
-std::optional<Bytes> takeAsPeer(const Queue& queue);
+struct Peer {
+  const Queue* queue;
+  hubkeeper_handle handle;
+  explicit Peer(const Queue& itsQueue) : queue(&itsQueue), handle{itsQueue.key, -1} {}
+};
+
+/// Takes the next message, if there is one. A queue that is missing or was removed has none until the service makes it.
+std::optional<Bytes> takeNext(Peer& peer);

@@ -2,7 +2,6 @@
 
 #include <fmt/format.h>
 #include <sys/msg.h>
-#include <sys/time.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -19,6 +18,8 @@
 
 namespace {
 
+using namespace std::chrono_literals;
+
 // HubKeeper takes messages of any type, so the type tells which Bundles are this session's own.
 long ownType() { return 0x1000000L + getpid(); }
 
@@ -28,31 +29,28 @@ std::uint16_t firstTag() {
   return static_cast<std::uint16_t>(std::chrono::system_clock::now().time_since_epoch().count() >> 10);
 }
 
-// A queue call has no time-out. While one blocks, a timer interrupts it again and again, so that a signal which falls
-// just before the call is not missed.
-class Ticking {
- public:
-  Ticking() { set({{0, 10000}, {0, 10000}}); }
-  ~Ticking() { set({}); }
-  Ticking(const Ticking&) = delete;
-  Ticking& operator=(const Ticking&) = delete;
+// Milliseconds to wait before the next look at the deadline and at `interrupted`: a signal that falls between that look
+// and the nap of a queue call would otherwise be noticed at its end only.
+long slice(Clock::time_point deadline) {
+  const auto left = deadline - Clock::now();
+  return left <= Clock::duration::zero() ? 0 : 1 + std::min(100L, static_cast<long>(left / 1ms));
+}
 
- private:
-  static void set(const itimerval& timer) { setitimer(ITIMER_REAL, &timer, nullptr); }
-};
+// Whether a wait that has ended for this reason goes on; otherwise `errno` is for failOn.
+bool waitsOn(int reason) { return reason == ETIMEDOUT || reason == EINTR; }
 
-int openExisting(const Queue& queue) {
-  const int handle = msgget(queue.key, 0);
-  if (handle != -1) return handle;
+hubkeeper_handle openExisting(const Queue& queue) {
+  hubkeeper_handle handle{queue.key, -1};
+  if (hubkeeper_open(&handle, 0) == 0) return handle;
   throw Failure(
       fmt::format("queue {} ({} to {}) does not exist: HubKeeper has never run here", queue.key, queue.from, queue.to));
 }
 
 [[noreturn]] void failOn(const Queue& queue, const char* verb) {
   const int error = errno;
-  const char* hint = error == EACCES ? "\nthe queues belong to the user that HubKeeper runs as, mostly root"
-                     : error == EINVAL || error == EIDRM ? "\nthe queue was removed"
-                                                         : "";
+  const char* hint = error == EACCES  ? "\nthe queues belong to the user that HubKeeper runs as, mostly root"
+                     : error == EIDRM ? "\nthe queue was removed"
+                                      : "";
   throw Failure(fmt::format("cannot {} queue {} ({}): {}{}", verb, queue.key, queue.name, std::strerror(error), hint));
 }
 
@@ -78,35 +76,24 @@ void Session::put(ByteView bundle, Clock::time_point deadline) {
   }
   Frame frame(bundle.size(), ownType());
   std::copy(bundle.begin(), bundle.end(), frame.text());
-  if (msgsnd(inboundHandle, frame.message(), bundle.size(), IPC_NOWAIT) == 0) return;
-  const Ticking ticking;
   const Clock::time_point start = Clock::now();
-  while (errno == EAGAIN || errno == EINTR) {
+  while (hubkeeper_send(&inboundHandle, frame.message(), bundle.size(), slice(deadline)) == -1) {
+    if (!waitsOn(errno)) failOn(inbound, "send on");
     if (interrupted != 0) throw Failure("interrupted while queue 1002 was full");
-    if (Clock::now() >= deadline) {
-      throw Failure(
-          fmt::format("queue 1002 has been full for {:.3g} s, so nothing was sent\n{}", secondsSince(start), giveUp()));
-    }
-    if (msgsnd(inboundHandle, frame.message(), bundle.size(), 0) == 0) return;
+    if (Clock::now() < deadline) continue;
+    throw Failure(
+        fmt::format("queue 1002 has been full for {:.3g} s, so nothing was sent\n{}", secondsSince(start), giveUp()));
   }
-  failOn(inbound, "send on");
 }
 
 std::optional<Bytes> Session::take(Clock::time_point deadline) {
-  Frame frame(HUBKEEPER_BUNDLE_MAX);
-  const auto receive = [&](int flags) {
-    return msgrcv(ridgelinkHandle, frame.message(), HUBKEEPER_BUNDLE_MAX, 0, flags | MSG_NOERROR);
-  };
-  ssize_t size = receive(IPC_NOWAIT);
-  if (size == -1 && errno == ENOMSG) {
-    const Ticking ticking;
-    while (size == -1 && (errno == ENOMSG || errno == EINTR)) {
-      if (interrupted != 0 || Clock::now() >= deadline) return std::nullopt;
-      size = receive(0);
-    }
+  Frame frame(longest);
+  for (;;) {
+    const ssize_t size = hubkeeper_receive(&ridgelinkHandle, frame.message(), longest, slice(deadline));
+    if (size >= 0) return Bytes(frame.text(), frame.text() + size);
+    if (!waitsOn(errno)) failOn(ridgelink, "receive from");
+    if (interrupted != 0 || Clock::now() >= deadline) return std::nullopt;
   }
-  if (size == -1) failOn(ridgelink, "receive from");
-  return Bytes(frame.text(), frame.text() + size);
 }
 
 std::string Session::giveUp() {
@@ -118,7 +105,7 @@ std::string Session::giveUp() {
 bool Session::takeBack() {
   Frame frame(HUBKEEPER_BUNDLE_MAX);
   bool any = false;
-  while (msgrcv(inboundHandle, frame.message(), HUBKEEPER_BUNDLE_MAX, ownType(), IPC_NOWAIT | MSG_NOERROR) >= 0) {
+  while (msgrcv(inboundHandle.id, frame.message(), HUBKEEPER_BUNDLE_MAX, ownType(), IPC_NOWAIT | MSG_NOERROR) >= 0) {
     any = true;
   }
   return any;

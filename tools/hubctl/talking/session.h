@@ -1,6 +1,6 @@
 // One conversation with HubKeeper in Ridgelink's place: Bundles go out on the inbound queue, bounces, replies and
 // notices come back on the other. A session refuses to start beside a living reader, and takes what an earlier
-// conversation left behind before it sends anything. Single-threaded; sources: msgop(2), setitimer(2).
+// conversation left behind before it sends anything. Single-threaded.
 #pragma once
 
 #include <cstddef>
@@ -10,6 +10,7 @@
 
 #include "base/clock.h"
 #include "base/pieces.h"
+#include "hubkeeper/queue.h"
 
 struct SessionOptions {
   double wait = 5;  // seconds
@@ -42,8 +43,8 @@ class Session {
  private:
   bool takeBack();
 
-  int inboundHandle;
-  int ridgelinkHandle;
+  hubkeeper_handle inboundHandle;
+  hubkeeper_handle ridgelinkHandle;
   std::size_t longest;  // bytes that the kernel allows in one message
   std::uint16_t tag;
   double patience;
