@@ -46,6 +46,17 @@
 #define HUBKEEPER_QUEUE_MODE 0644 /* what HubKeeper creates a missing queue with */
 #define HUBKEEPER_MTYPE 1         /* of every message that HubKeeper sends; it takes messages of any type */
 
+/** The queues, in the order in which HubKeeper opens them. */
+enum hubkeeper_queue_index {
+  HUBKEEPER_QUEUE_INBOUND,
+  HUBKEEPER_QUEUE_NETSTEWARD,
+  HUBKEEPER_QUEUE_CLOCKSTEWARD,
+  HUBKEEPER_QUEUE_CHRONICLER,
+  HUBKEEPER_QUEUE_STAGEHAND,
+  HUBKEEPER_QUEUE_RIDGELINK,
+  HUBKEEPER_QUEUE_COUNT
+};
+
 struct hubkeeper_queue {
   int key;
   const char *name;
@@ -53,8 +64,11 @@ struct hubkeeper_queue {
   const char *to;
 };
 
-/** The queues, in the order in which HubKeeper opens them. */
-static const struct hubkeeper_queue hubkeeper_queues[] = {
+/**
+ * One row for each of them, in the same order. Every source file that uses this table has a copy of its own: tell a queue by
+ * its key or its place, not by its address.
+ */
+static const struct hubkeeper_queue hubkeeper_queues[HUBKEEPER_QUEUE_COUNT] = {
     {HUBKEEPER_KEY_INBOUND, "inbound", "Ridgelink", "HubKeeper"},
     {HUBKEEPER_KEY_NETSTEWARD, "netsteward", "HubKeeper", "Netsteward"},
     {HUBKEEPER_KEY_CLOCKSTEWARD, "clocksteward", "HubKeeper", "Clocksteward"},
@@ -62,7 +76,6 @@ static const struct hubkeeper_queue hubkeeper_queues[] = {
     {HUBKEEPER_KEY_STAGEHAND, "stagehand", "HubKeeper", "Stagehand"},
     {HUBKEEPER_KEY_RIDGELINK, "ridgelink", "HubKeeper", "Ridgelink"},
 };
-#define HUBKEEPER_QUEUE_COUNT (sizeof hubkeeper_queues / sizeof hubkeeper_queues[0])
 
 /* Opcodes of Ridgelink's that HubKeeper carries out itself. */
 #define HUBKEEPER_OPCODE_HEARTBEAT 0x04 /* lies in Netsteward's range, but never reaches it */

@@ -111,7 +111,7 @@ OPCODES = (  # first, last, name: the first row that holds an opcode wins
     (Opcode.HEARTBEAT_REPLY, Opcode.HEARTBEAT_REPLY, "heartbeat reply"),
     (Opcode.PACKAGE, Opcode.PACKAGE, "package"),
     (Opcode.VERSION_REPLY, Opcode.VERSION_REPLY, "version reply"),
-    (Opcode.PACKAGE_OTHER, Opcode.PACKAGE_OTHER, "package, other"),
+    (Opcode.PACKAGE_OTHER, Opcode.PACKAGE_OTHER, "package other"),
     (Opcode.COMMAND_REPLY, Opcode.COMMAND_REPLY, "command reply"),
     (0x00, 0xFF, "unknown"),
 )

@@ -44,7 +44,7 @@ void receiveBundle(ReceiveArea& area) {
   if (received >= 0) return takeBundle(area.mtext, received);
   const int reason = errno;
   messagesChannel.error() << "HubKeeper: msgrcv inbound failed, sizeReceived = " << static_cast<int>(received);
-  if (openQueue(Queue::inbound) == -1) messagesChannel.error() << "Failed recreating the que";
+  if (openQueue(HUBKEEPER_QUEUE_INBOUND) == -1) messagesChannel.error() << "Failed recreating the que";
   if (reason == E2BIG) discardOversized();
 }
 

@@ -1,6 +1,5 @@
 #include "hub/queues.h"
 
-#include <hubkeeper/protocol.h>
 #include <sys/ipc.h>
 #include <sys/msg.h>
 
@@ -24,7 +23,7 @@ constexpr int openFlags = IPC_CREAT | HUBKEEPER_QUEUE_MODE;
 constexpr msglen_t netstewardQueueSize = 10485760;  // 10 MiB
 
 struct QueueRow {
-  Queue name;
+  hubkeeper_queue_index name;
   key_t key;
   int* handle;
   const char* openFailed;  // at ERROR when the first opening fails, which ends the process
@@ -33,29 +32,30 @@ struct QueueRow {
 };
 
 constexpr QueueRow queues[] = {
-    {Queue::inbound, HUBKEEPER_KEY_INBOUND, &inboundQueue, "HubKeeper failed to open inbound message queue", "msgget",
-     "Ridgelink --> HubKeeper       Queue ID: "},
-    {Queue::netsteward, HUBKEEPER_KEY_NETSTEWARD, &netstewardQueue, "HubKeeper failed to open Netsteward inbound queue",
-     "msgget", "HubKeeper --> Netsteward Queue ID: "},
-    {Queue::clocksteward, HUBKEEPER_KEY_CLOCKSTEWARD, &clockstewardQueue,
+    {HUBKEEPER_QUEUE_INBOUND, HUBKEEPER_KEY_INBOUND, &inboundQueue, "HubKeeper failed to open inbound message queue",
+     "msgget", "Ridgelink --> HubKeeper       Queue ID: "},
+    {HUBKEEPER_QUEUE_NETSTEWARD, HUBKEEPER_KEY_NETSTEWARD, &netstewardQueue,
+     "HubKeeper failed to open Netsteward inbound queue", "msgget", "HubKeeper --> Netsteward Queue ID: "},
+    {HUBKEEPER_QUEUE_CLOCKSTEWARD, HUBKEEPER_KEY_CLOCKSTEWARD, &clockstewardQueue,
      "HubKeeper failed to open Clocksteward inbound queue", "msgget", nullptr},
-    {Queue::chronicler, HUBKEEPER_KEY_CHRONICLER, &chroniclerQueue, "HubKeeper failed to open Chronicler inbound queue",
-     "msgget", "HubKeeper --> Chronicler       Queue ID: "},
-    {Queue::stagehand, HUBKEEPER_KEY_STAGEHAND, &stagehandQueue, "HubKeeper failed to open Stagehand inbound queue",
-     "Out to stagehand queue setup failed", "HubKeeper --> Stagehand       Queue ID: "},
-    {Queue::ridgelink, HUBKEEPER_KEY_RIDGELINK, &ridgelinkQueue, "HubKeeper failed to open outbound queue",
+    {HUBKEEPER_QUEUE_CHRONICLER, HUBKEEPER_KEY_CHRONICLER, &chroniclerQueue,
+     "HubKeeper failed to open Chronicler inbound queue", "msgget", "HubKeeper --> Chronicler       Queue ID: "},
+    {HUBKEEPER_QUEUE_STAGEHAND, HUBKEEPER_KEY_STAGEHAND, &stagehandQueue,
+     "HubKeeper failed to open Stagehand inbound queue", "Out to stagehand queue setup failed",
+     "HubKeeper --> Stagehand       Queue ID: "},
+    {HUBKEEPER_QUEUE_RIDGELINK, HUBKEEPER_KEY_RIDGELINK, &ridgelinkQueue, "HubKeeper failed to open outbound queue",
      "In From Ridgelink queue setup failed", "HubKeeper --> Ridgelink       Queue ID: "},
 };
 
 constexpr bool standInOrder() {
   for (std::size_t place = 0; place < std::size(queues); ++place) {
-    if (static_cast<std::size_t>(queues[place].name) != place) return false;
+    if (queues[place].name != place) return false;
   }
-  return true;
+  return std::size(queues) == HUBKEEPER_QUEUE_COUNT;
 }
 static_assert(standInOrder(), "a row is found by its name, so rows and names stand in the same order");
 
-const QueueRow& rowOf(Queue queue) { return queues[static_cast<std::size_t>(queue)]; }
+const QueueRow& rowOf(hubkeeper_queue_index queue) { return queues[queue]; }
 
 // Reads the queue's state into `stats` and logs its size; after a failure the size is 0.
 void logNetstewardSize(msqid_ds& stats) {
@@ -81,15 +81,15 @@ void enlargeNetstewardQueue() {
 
 }  // namespace
 
-int handleOf(Queue queue) { return *rowOf(queue).handle; }
+int handleOf(hubkeeper_queue_index queue) { return *rowOf(queue).handle; }
 
-int openQueue(Queue queue) { return *rowOf(queue).handle = msgget(rowOf(queue).key, openFlags); }
+int openQueue(hubkeeper_queue_index queue) { return *rowOf(queue).handle = msgget(rowOf(queue).key, openFlags); }
 
 void createQues() {
   messagesChannel.info() << "HubKeeper Attempting to createQues";
   for (const QueueRow& row : queues) {
     if (openQueue(row.name) == -1) endAfterFailure(row.openFailed, row.openPerror);
-    if (row.name == Queue::netsteward) enlargeNetstewardQueue();
+    if (row.name == HUBKEEPER_QUEUE_NETSTEWARD) enlargeNetstewardQueue();
   }
 }
 

@@ -2,7 +2,7 @@
 // thread; that is why nothing is locked. Queues are created where they are missing, and never closed or removed.
 #pragma once
 
-#include <sys/types.h>
+#include <hubkeeper/protocol.h>
 
 // Handles: what the latest msgget(2) returned, -1 included. Written by createQues and openQueue.
 extern int inboundQueue;       // from Ridgelink: read by the receive loop
@@ -12,14 +12,11 @@ extern int chroniclerQueue;
 extern int stagehandQueue;
 extern int ridgelinkQueue;
 
-/// The queues in the order of their opening.
-enum class Queue { inbound, netsteward, clocksteward, chronicler, stagehand, ridgelink };
-
 /// The handle of a queue, as it stands at the moment.
-int handleOf(Queue queue);
+int handleOf(hubkeeper_queue_index queue);
 
 /// Opens a queue, or creates it, and returns the new handle, -1 on a failure with errno set by msgget(2).
-int openQueue(Queue queue);
+int openQueue(hubkeeper_queue_index queue);
 
 /// Opens all six queues and enlarges Netsteward's to 10 MiB. A queue that cannot be opened ends the process; an
 /// enlargement that is refused is logged.

@@ -27,7 +27,7 @@ static constexpr std::uint32_t lastLoggedFailure = 15;
 
 // A send is counted when it names a counter; one that is not logs its failure line each time.
 struct SendKind {
-  Queue queue;
+  hubkeeper_queue_index queue;
   QueueMessage* frame;                 // null: a frame of its own in local storage
   std::uint32_t* failures = nullptr;   // null: not counted
   const char* failed = nullptr;        // at ERROR; null: silent
@@ -43,7 +43,7 @@ struct SendKind {
 // "occurance" and "Communcation" are misspelt, and two lines begin with a blank: peers and operators search for
 // them so.
 const SendKind bounceSend{
-    .queue = Queue::ridgelink,
+    .queue = HUBKEEPER_QUEUE_RIDGELINK,
     .frame = &replyFrame,
     .failures = &ridgelinkFailures,
     .failed = "HubKeeper: Failed bouncing to Ridgelink",
@@ -53,7 +53,7 @@ const SendKind bounceSend{
 };
 // Goes to Ridgelink, but travels in the frame of the forwards.
 const SendKind heartbeatReplySend{
-    .queue = Queue::ridgelink,
+    .queue = HUBKEEPER_QUEUE_RIDGELINK,
     .frame = &forwardFrame,
     .failures = &ridgelinkFailures,
     .failed = "HubKeeper: Send Heartbeat to ridgelink failed",
@@ -62,7 +62,7 @@ const SendKind heartbeatReplySend{
     .reopenFailed = "HubKeeper: In From Ridgelink queue setup failed",
 };
 const SendKind chroniclerSend{
-    .queue = Queue::chronicler,
+    .queue = HUBKEEPER_QUEUE_CHRONICLER,
     .frame = &forwardFrame,
     .failures = &chroniclerFailures,
     .failed = "HubKeeper: Failed sending to Chronicler",
@@ -71,7 +71,7 @@ const SendKind chroniclerSend{
     .reopenFailed = "HubKeeper: Failed to recreate msgque to Chronicler",
 };
 const SendKind netstewardSend{
-    .queue = Queue::netsteward,
+    .queue = HUBKEEPER_QUEUE_NETSTEWARD,
     .frame = &forwardFrame,
     .failures = &netstewardFailures,
     .failed = "HubKeeper: Failed sending to Netsteward",
@@ -80,7 +80,7 @@ const SendKind netstewardSend{
     .reopenFailed = "HubKeeper: Failed msgget after comm error",
 };
 const SendKind clockstewardSend{
-    .queue = Queue::clocksteward,
+    .queue = HUBKEEPER_QUEUE_CLOCKSTEWARD,
     .frame = &forwardFrame,
     .failures = &clockstewardFailures,
     .failed = "HubKeeper: Failed sending to Clocksteward",
@@ -90,20 +90,20 @@ const SendKind clockstewardSend{
 };
 // Lost in silence when the queue can be opened anew.
 const SendKind versionReplySend{
-    .queue = Queue::ridgelink,
+    .queue = HUBKEEPER_QUEUE_RIDGELINK,
     .frame = &replyFrame,
     .reopenFailed = "In From Ridgelink queue setup failed",
     .alsoLogged = "HubKeeper: failed sending to Ridgelink",
     .perrorText = "msgsnd to Ridgelink",
 };
 const SendKind commandReplySend{
-    .queue = Queue::ridgelink,
+    .queue = HUBKEEPER_QUEUE_RIDGELINK,
     .frame = &replyFrame,
     .failed = "HubKeeper: Failed sending to Ridgelink",
     .reopenFailed = "In From Ridgelink queue setup failed",
 };
 const SendKind transferStartSend{
-    .queue = Queue::stagehand,
+    .queue = HUBKEEPER_QUEUE_STAGEHAND,
     .frame = &stagehandFrame,
     .failures = &stagehandFailures,
     .failed = "HubKeeper: Failed sending to Stagehand",
@@ -113,13 +113,13 @@ const SendKind transferStartSend{
 };
 // Neither reads nor changes the counter, and has no "HubKeeper: " in front of its re-open line.
 const SendKind transferEndSend{
-    .queue = Queue::stagehand,
+    .queue = HUBKEEPER_QUEUE_STAGEHAND,
     .frame = &stagehandFrame,
     .failed = "HubKeeper: Failed sending to Stagehand",
     .reopenFailed = "Out to stagehand queue setup failed",
 };
 const SendKind packageNoticeSend{
-    .queue = Queue::ridgelink,
+    .queue = HUBKEEPER_QUEUE_RIDGELINK,
     .frame = &replyFrame,
     .failures = &ridgelinkFailures,
     .failed = "HubKeeper ERROR: sending SW Package to Ridgelink",
@@ -131,7 +131,7 @@ const SendKind packageNoticeSend{
     .perrorAlways = true,
 };
 const SendKind stateNoticeSend{
-    .queue = Queue::ridgelink,
+    .queue = HUBKEEPER_QUEUE_RIDGELINK,
     .frame = nullptr,
     .failed = "HubKeeper: setState: Failed sending state to Ridgelink",
     .reopenFailed = "In From Ridgelink queue setup failed",

@@ -8,18 +8,18 @@ enum { room = 65536 };
 static char line[2 * room + 32];
 static uint8_t given[room], built[room];
 
-static void print_bytes(const uint8_t* bytes, size_t size, const char* end) {
+static void print_bytes(const uint8_t *bytes, size_t size, const char *end) {
   for (; size > 0; --size) printf("%02x", *bytes++);
   printf("%s", end);
 }
 
 int main(void) {
   while (fgets(line, sizeof line, stdin) != NULL) {
-    char* text = line;
+    char *text = line;
     const uint16_t tag = (uint16_t)strtoul(text, &text, 10);
     const uint8_t opcode = (uint8_t)strtoul(text, &text, 10);
     const size_t size = strcspn(++text, "\n") / 2, needed = size + HUBKEEPER_HEADER_SIZE;
-    uint8_t* bytes = given + room - size; /* a sanitizer sees every read behind the array */
+    uint8_t *bytes = given + room - size; /* a sanitizer sees every read behind the array */
     struct hubkeeper_walk walk = {bytes, size};
     struct hubkeeper_piece piece;
     for (; bytes < given + room; text += 2) sscanf(text, "%2hhx", bytes++);

@@ -6,8 +6,8 @@
 
 #include "base/failure.h"
 
-const Queue& inbound = hubkeeper_queues[0];
-const Queue& ridgelink = hubkeeper_queues[HUBKEEPER_QUEUE_COUNT - 1];
+const Queue& inbound = hubkeeper_queues[HUBKEEPER_QUEUE_INBOUND];
+const Queue& ridgelink = hubkeeper_queues[HUBKEEPER_QUEUE_RIDGELINK];
 
 const Queue& findQueue(std::string_view nameOrKey) {
   std::string names;
