@@ -43,6 +43,8 @@ $ printf 'a\nb%%s' >/etc/build-version => 60      | .60 88"a\0ab%s"  | I HubKeep
 $ printf 'a\000b' >/etc/build-version => 60       | .60 88"a\00b"    | I HubKeeper: SD Card version: a of size 3
 $ printf %0506d 0 >/etc/build-version => 60       | .60 88"0{506}"   | I ..0000 of size 506
 $ printf %0507d 0 >/etc/build-version => 60       | .60 88           | E ..unable to read version file
+$ printf 1 >/etc/build-version => 60:2            | .60 88"1"        | I ..version: 1 of size 1 | F ..2 and remaining bundle size is 5
+60:700               | .60 88"1"                | I ..version: 1 of size 1 | F ..700 and remaining bundle size is 5
 )");
 }
 
@@ -111,7 +113,10 @@ TEST_F(Commands, SwitchAndNotices) {
   play(R"(
 75 75 21             | .75 .75 .21 C 21         | W Clocksteward application has been disabled | W ..disabled)");
   EXPECT_EQ(clockstewardEnabled, 0);
+  EXPECT_EQ(enabledAtSystem, 0);  // when pkill ran
   play(R"(
+75:3                 | .75                      | W ..disabled | F ..3 and remaining bundle size is 5
+75:900               | .75                      | W ..disabled | F ..900 and remaining bundle size is 5
 76:900               | .76                      | W Clocksteward application has been enabled | F ..900 and remaining bundle size is 5
 76                   | .76                      | W ..enabled
 state 0102           | =\02\01

@@ -74,12 +74,20 @@ TEST_F(Routing, WalksBundles) {
 21"ab" 22:13 21"ab"  | .21 .22 C 21"ab"         | E ..opcode 22, length 13, remaining bundle size 12 | F ..13 and remaining bundle size is 12
 21"ab" =\22          | .21 .ff C 21"ab"         | E bad opcode: ff | F ..65535 and remaining bundle size is 1
 21"ab" =\00{4}       | .21 .ff C 21"ab"         | E bad opcode: ff | F ..65535 and remaining bundle size is 4
+01:3                 | .01 N =\03\00\07         | F ..3 and remaining bundle size is 5
+01:0                 | .01 N =                  | F ..0 and remaining bundle size is 5
+30:4                 | .30 L =\04\00\07\00      | F ..4 and remaining bundle size is 5
+30:0"ab"             | .30 L =                  | F ..0 and remaining bundle size is 7
+01"x{508}"           | .01                      | E ..opcode 1, length 513, remaining bundle size 513
+30"x{508}"           | .30                      | E ..opcode 30, length 513, remaining bundle size 513
 28"x{507}"           | .28 C 28"x{507}"
 28"x{508}" 30"xy"    | .28 .30 L 30"xy"         | E ..opcode 28, length 513, remaining bundle size 520
 70:4"ab"             | .70                      | E ..opcode 70, length 4, remaining bundle size 7 | F ..4 and remaining bundle size is 7
 70"x{508}"           | .70                      | E ..opcode 70, length 513, remaining bundle size 513
 71:8"ab"             | .71                      | E ..opcode 71, length 8, remaining bundle size 7 | F ..8 and remaining bundle size is 7
 71:4"ab"             | .71                      | E ..opcode 71, length 4, remaining bundle size 7 | F ..4 and remaining bundle size is 7
+72"x{508}"           | .72                      | E ..opcode 72, length 513, remaining bundle size 513
+72:4                 | .72                      | E ..opcode 72, length 4, remaining bundle size 5 | F ..4 and remaining bundle size is 5
 72:6                 | .72                      | E ..opcode 72, length 6, remaining bundle size 5 | F ..6 and remaining bundle size is 5
 04@beef:0            | .04 80@beef"\00{507}"    | F ..0 and remaining bundle size is 5
 04@beef:5000         | .04 80@beef"\00{507}"    | F ..5000 and remaining bundle size is 5

@@ -57,6 +57,46 @@ TEST(Process, LeavesItsRecordAndOpensItsQueues) {
   }
 }
 
+TEST(Process, MakesTheseCallsAtItsStart) {
+  // Of each thread, in its order. Detached is 1, SCHED_RR is 2; nothing is inherited explicitly, no argument handed over.
+  const std::string transcript = R"(
+inbound fopen64 bad_file ab+
+inbound msgget 1002 932
+inbound msgget 1000 932
+inbound msgctl 2
+inbound msgctl 1
+inbound msgctl 2
+inbound msgget 1011 932
+inbound msgget 1010 932
+inbound msgget 1006 932
+inbound msgget 1003 932
+inbound popen uname -a
+inbound popen fw_printenv -n ver
+inbound msgrcv 8192 0 0
+main fopen64 /usr/local/bin/AppVersionFile.txt a
+main fclose
+main sched_get_priority_max 2
+main pthread_attr_setschedparam 99
+main pthread_attr_setdetachstate 1
+main pthread_attr_setschedparam 99
+main pthread_attr_setdetachstate 1
+main pthread_create inbound 1 2 99 0 0
+main pthread_create monitor 1 2 99 0 0
+main pthread_attr_destroy
+main pthread_attr_destroy
+main clock_nanosleep 0 0 0 200000000 0
+monitor sleep 40
+monitor fopen64 /etc/qd/svcmanager.conf re
+)";
+  const Service service(HASTY, "none:0:0:0");
+  std::string calls;
+  EXPECT_TRUE(eventually([&] {
+    static_cast<void>(
+        std::system("sort -s -k1,1 /tmp/calls | sed '$!N; /^\\(main clock.*\\)\\n\\1$/!P; D' >/tmp/sorted"));
+    return "\n" + (calls = readFile("/tmp/sorted")) == transcript;
+  })) << calls;
+}
+
 TEST(Process, GoesOnWithoutEnlargementVersionFileAndTools) {
   std::filesystem::create_directory("/usr/local/bin/AppVersionFile.txt");
   const Service service(HUBKEEPER);

@@ -9,13 +9,34 @@
 #include <cstdio>
 #include <cstdlib>
 #include <fstream>
+#include <log4cpp/Category.hh>
+#include <log4cpp/LayoutAppender.hh>
 
+#include <memory>
+#include <sstream>
+
+#include "commands/clocksteward_switch.h"
+#include "hub/inbound.h"
 #include "support.h"
 
+int enabledAtSystem = -1;
 int millisecondsPerSecond = 10;
 std::string sleepLog = "/tmp/slept";
 
 namespace {
+bool recording = false;
+thread_local const char* thread = "main";
+
+// A line of the transcript that the service leaves of its calls.
+template <typename... Words>
+void record(const Words&... words) {
+  if (!recording) return;
+  std::ostringstream line;
+  line << thread;
+  ((line << ' ' << words), ...);
+  std::ofstream("/tmp/calls", std::ios::app) << line.str() + "\n";
+}
+
 std::string failingCall;
 std::atomic<int> successes;
 int failureError;
@@ -28,9 +49,18 @@ int failureError;
   if (plan == nullptr || std::sscanf(plan, "%63[^:]:%d:%d:%d", call, &skip, &error, &millisecondsPerSecond) < 3)
     return false;
   planFailure(call, skip, error);
+  recording = true;
   std::atexit([] { std::puts("torn down"); });  // must not be seen: the end leaves before any destructor
   return true;
 }();
+
+// Logging may change errno: a sink on a full disk does. This one always does, so that what is read too late shows.
+struct Disturbing : log4cpp::LayoutAppender {
+  Disturbing() : LayoutAppender("Disturbing") {}
+  void close() override {}
+  void _append(const log4cpp::LoggingEvent&) override { errno = EDOM; }
+};
+[[maybe_unused]] const bool disturbed = (log4cpp::Category::getInstance("messages").addAppender(new Disturbing), true);
 
 // The error with which this call is to fail, or 0.
 int failure(const char* call) { return failingCall == call && successes-- <= 0 ? failureError : 0; }
@@ -40,41 +70,68 @@ void planFailure(const std::string& call, int skip, int error) {
   failingCall = call, successes = skip, failureError = error;
 }
 
-// `failed` is what the call returns then: its error number, or a mark with the number in errno.
-#define WRAP(type, name, failed, parameters, arguments)                 \
-  extern "C" type __real_##name parameters;                             \
-  extern "C" type __wrap_##name parameters {                            \
-    if (const int error = failure(#name)) return errno = error, failed; \
-    return __real_##name arguments;                                     \
-  }
-WRAP(int, msgget, -1, (key_t key, int flags), (key, flags))
-WRAP(int, msgctl, -1, (int id, int command, void* stats), (id, command, stats))
-WRAP(int, system, -1, (const char* command), (command))
-WRAP(FILE*, popen, nullptr, (const char* command, const char* mode), (command, mode))
-WRAP(int, fclose, EOF, (FILE * file), (file))
-WRAP(DIR*, opendir, nullptr, (const char* path), (path))
-WRAP(int, sched_get_priority_max, -1, (int policy), (policy))
-WRAP(int, pthread_attr_setschedparam, errno, (pthread_attr_t * a, const sched_param* p), (a, p))
-WRAP(int, pthread_attr_setdetachstate, errno, (pthread_attr_t * a, int state), (a, state))
-WRAP(int, pthread_attr_destroy, errno, (pthread_attr_t * a), (a))
-WRAP(int, pthread_cancel, errno, (pthread_t id), (id))
-WRAP(int, clock_nanosleep, errno, (clockid_t c, int flags, const timespec* t, timespec* rest), (c, flags, t, rest))
+template <typename Mark>
+static Mark marked(int error, Mark mark) {
+  errno = error;
+  return mark;
+}
 
+// What a call that fails returns: a mark, with the number in errno, or the number itself, and errno is left alone.
+#define WRAP(type, name, failed, parameters, arguments, ...) \
+  extern "C" type __real_##name parameters;                  \
+  extern "C" type __wrap_##name parameters {                 \
+    record(#name __VA_OPT__(, ) __VA_ARGS__);                \
+    if (const int error = failure(#name)) return failed;     \
+    return __real_##name arguments;                          \
+  }
+WRAP(int, msgget, marked(error, -1), (key_t key, int flags), (key, flags), key, flags)
+WRAP(int, msgctl, marked(error, -1), (int id, int command, void* stats), (id, command, stats), command)
+WRAP(FILE*, popen, marked(error, nullptr), (const char* command, const char* mode), (command, mode), command)
+WRAP(int, fclose, marked(error, EOF), (FILE * file), (file))
+WRAP(DIR*, opendir, marked(error, nullptr), (const char* path), (path))
+WRAP(int, sched_get_priority_max, marked(error, -1), (int policy), (policy), policy)
+WRAP(int, pthread_attr_setschedparam, error, (pthread_attr_t * a, const sched_param* p), (a, p), p->sched_priority)
+WRAP(int, pthread_attr_setdetachstate, error, (pthread_attr_t * a, int state), (a, state), state)
+WRAP(int, pthread_attr_destroy, error, (pthread_attr_t * a), (a))
+WRAP(int, pthread_cancel, error, (pthread_t id), (id))
+WRAP(int, clock_nanosleep, error, (clockid_t c, int flags, const timespec* t, timespec* rest), (c, flags, t, rest), c,
+     flags, t->tv_sec, t->tv_nsec, rest)
+
+WRAP(int, system, marked(error, -1), (const char* command), (command), (enabledAtSystem = clockstewardEnabled, command))
+WRAP(FILE*, fopen64, marked(error, nullptr), (const char* path, const char* mode), (path, mode), path, mode)
+
+struct Start {
+  void* (*run)(void*);
+  const char* name;
+};
+static void* begin(void* start) {
+  const std::unique_ptr<Start> own(static_cast<Start*>(start));
+  thread = own->name;
+  // A thread that is cancelled while it logs takes the process down with it.
+  if (failingCall == "pthread_cancel") return pause(), nullptr;
+  return own->run(nullptr);
+}
 extern "C" int __real_pthread_create(pthread_t* id, const pthread_attr_t* a, void* (*run)(void*), void* argument);
 extern "C" int __wrap_pthread_create(pthread_t* id, const pthread_attr_t* a, void* (*run)(void*), void* argument) {
   if (const int error = failure("pthread_create")) return error;
-  // A thread that is cancelled while it logs takes the process down with it.
-  if (failingCall == "pthread_cancel") run = [](void*) -> void* { return pause(), nullptr; };
-  return __real_pthread_create(id, a, run, argument);
+  int state = -1, policy = -1, inherit = -1;
+  sched_param priority{};
+  pthread_attr_getdetachstate(a, &state), pthread_attr_getschedpolicy(a, &policy);
+  pthread_attr_getinheritsched(a, &inherit), pthread_attr_getschedparam(a, &priority);
+  const char* name = run == inboundThread ? "inbound" : "monitor";
+  record("pthread_create", name, state, policy, priority.sched_priority, inherit, argument);
+  return __real_pthread_create(id, a, begin, new Start{run, name});
 }
 
 extern "C" ssize_t __real_msgrcv(int id, void* message, std::size_t size, long type, int flags);
 extern "C" ssize_t __wrap_msgrcv(int id, void* message, std::size_t size, long type, int flags) {
+  record("msgrcv", size, type, flags);
   const int error = flags == 0 ? failure("msgrcv") : 0;  // only a receive that waits
-  return error != 0 ? errno = error, -1 : __real_msgrcv(id, message, size, type, flags);
+  return error != 0 ? marked(error, ssize_t{-1}) : __real_msgrcv(id, message, size, type, flags);
 }
 
 extern "C" unsigned __wrap_sleep(unsigned seconds) {
+  record("sleep", seconds);
   std::ofstream(sleepLog, std::ios::app) << "slept " << seconds << "\n";
   usleep(seconds * static_cast<unsigned>(millisecondsPerSecond) * 1000);
   return 0;
