@@ -64,7 +64,7 @@ Session::Session(const SessionOptions& options)
       patience(options.wait) {
   refuseBesideReader(ridgelink, options.force);
   std::uint64_t leftovers = 0;
-  while (take(Clock::time_point::min())) ++leftovers;
+  while (take(Clock::now())) ++leftovers;
   if (leftovers == 0) return;
   complain(fmt::format("took {} first that had been left in queue 1003", count(leftovers, "message")));
 }
