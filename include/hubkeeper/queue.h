@@ -12,13 +12,18 @@
  *
  * Time-outs are in milliseconds; 0 looks once, a negative one waits for ever. A function that fails returns -1 with errno:
  *   ETIMEDOUT  nothing came, or there was no room, or no such queue, for so long
- *   EINTR      a handler of the peer's ran meanwhile; call again, or end
+ *   EINTR      a handler of the peer's ended a nap; call again, or end. One that runs between two naps ends nothing: who
+ *              waits for a flag of a handler's uses time-outs of, say, a second and looks at the flag after each
  *   EIDRM      the queue was removed, with all that was in it; the next call opens the one that takes its place
  *   EACCES     the queue is there, and this user may not use it so
  *   others     as msgget(2), msgrcv(2) and msgsnd(2) give them
  */
 #ifndef HUBKEEPER_QUEUE_H
 #define HUBKEEPER_QUEUE_H
+
+#if !defined(_XOPEN_SOURCE) && !defined(_GNU_SOURCE)
+#error "define _XOPEN_SOURCE as 700 before the first include of the file"
+#endif
 
 #include <errno.h>
 #include <sys/ipc.h>
@@ -76,10 +81,15 @@ static inline int hubkeeper_nap(struct hubkeeper_wait *wait) {
 
 /**
  * Opens the queue of handle->key without ever creating it, and waits for it as long as there is none: who creates a
- * queue owns it, and that is HubKeeper's part. 0, also when it is open already, or -1 (ETIMEDOUT: no such queue).
+ * queue owns it, and that is HubKeeper's part. 0, also when it is open already, or -1 (ETIMEDOUT: no such queue; EINVAL: the
+ * key is 0, of which no queue can be found).
  */
 static inline int hubkeeper_open(struct hubkeeper_handle *handle, long timeout) {
   struct hubkeeper_wait wait = hubkeeper_begin_wait(timeout);
+  if (handle->key == IPC_PRIVATE) { /* msgget(2) would create a queue for this key, whatever the flags */
+    errno = EINVAL;
+    return -1;
+  }
   while (handle->id == -1) {
     handle->id = msgget(handle->key, 0);
     if (handle->id == -1 && (errno != ENOENT || hubkeeper_nap(&wait) == -1)) return -1;
