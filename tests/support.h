@@ -4,6 +4,7 @@
 
 #include <gtest/gtest.h>
 
+#include <atomic>
 #include <functional>
 #include <map>
 #include <string>
@@ -62,6 +63,6 @@ long logged(const std::string& line);
 
 /// From now on `call`, one of those that are wrapped, succeeds `skip` times and then fails with `error`.
 void planFailure(const std::string& call, int skip, int error);
-extern int enabledAtSystem;        // clockstewardEnabled, as the latest system(3) found it
-extern int millisecondsPerSecond;  // of sleep(3), which leaves a line in that file
+extern std::atomic<int> enabledAtSystem;  // clockstewardEnabled, as the latest system(3) found it
+extern int millisecondsPerSecond;         // of sleep(3), which leaves a line in that file
 extern std::string sleepLog;

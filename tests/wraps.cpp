@@ -19,7 +19,7 @@
 #include "hub/inbound.h"
 #include "support.h"
 
-int enabledAtSystem = -1;
+std::atomic<int> enabledAtSystem = -1;
 int millisecondsPerSecond = 10;
 std::string sleepLog = "/tmp/slept";
 
@@ -98,7 +98,8 @@ WRAP(int, pthread_cancel, error, (pthread_t id), (id))
 WRAP(int, clock_nanosleep, error, (clockid_t c, int flags, const timespec* t, timespec* rest), (c, flags, t, rest), c,
      flags, t->tv_sec, t->tv_nsec, rest)
 
-WRAP(int, system, marked(error, -1), (const char* command), (command), (enabledAtSystem = clockstewardEnabled, command))
+WRAP(int, system, marked(error, -1), (const char* command), (command),
+     (enabledAtSystem = std::atomic_ref(clockstewardEnabled).load(), command))
 WRAP(FILE*, fopen64, marked(error, nullptr), (const char* path, const char* mode), (path, mode), path, mode)
 
 struct Start {
