@@ -111,7 +111,7 @@ TEST_F(Commands, TransferOperationsHoldTheirOwnBounds) {
 
 TEST_F(Commands, SwitchAndNotices) {
   play(R"(
-75 75 21             | .75 .75 .21 C 21         | W Clocksteward application has been disabled | W ..disabled)");
+75 21                | .75 .21 C 21             | W Clocksteward application has been disabled)");
   EXPECT_EQ(clockstewardEnabled, 0);
   EXPECT_EQ(enabledAtSystem, 0);  // when pkill ran
   play(R"(

@@ -201,6 +201,7 @@ TEST(Process, ServesWhatStandsInForAMessageThatWasTooLong) {
   EXPECT_EQ(drain('R', 1), Lines{"\xFE"});
   EXPECT_TRUE(eventually([&] { return logged("ERROR bad opcode: fe") == 1; }));
   EXPECT_EQ(logged("ERROR HubKeeper: Received a queue message of size 0 on inbound queue"), 1);
+  EXPECT_NE(readFile("/tmp/calls").find("msgrcv 8193 0 6144\n"), std::string::npos);  // cut short, and without waiting
 }
 
 TEST_F(InProcess, ReadsTheConfigurationToTheLetter) {
