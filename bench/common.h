@@ -40,7 +40,7 @@ inline std::string packet(std::uint8_t opcode, const std::string& payload = "", 
   return std::string{low(length), low(length >> 8), low(tag), low(tag >> 8), low(opcode)} + payload;
 }
 
-/// The six queues under their keys plus `offset`, each with room for many Bundles and their answers.
+/// The queues under their keys plus `offset`, each with room for many Bundles and their answers.
 class Queues {
  public:
   explicit Queues(int offset = 0) {

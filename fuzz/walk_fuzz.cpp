@@ -126,12 +126,12 @@ void __wrap__exit(int) { REQUIRE("the process ended itself" == nullptr); }
 int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
   if (size <= sizeof plan || size > sizeof plan + HUBKEEPER_BUNDLE_MAX) return 0;
   const std::size_t bundleSize = size - sizeof plan;
+  plan = 0;
+  for (int row = 0; row < HUBKEEPER_QUEUE_COUNT; ++row) openQueue(static_cast<hubkeeper_queue_index>(row));
   std::memcpy(&plan, data + bundleSize, sizeof plan);
   responseSize = plan % sizeof response;
   step = 0;
   sent.clear();
-  inboundQueue = 1002, netstewardQueue = 1000, clockstewardQueue = 1011;
-  chroniclerQueue = 1010, stagehandQueue = 1006, ridgelinkQueue = 1003;
   const std::vector<std::uint8_t> bundle(data, data + bundleSize);
 
   walkBundle(bundle.data(), static_cast<std::uint16_t>(bundleSize));

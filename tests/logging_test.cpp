@@ -1,25 +1,33 @@
 // The logging front end over log4cpp: lines, sinks that come and go, rolling.
 #include <fcntl.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <filesystem>
+#include <fstream>
 #include <iostream>
 #include <log4cpp/Configurator.hh>
 #include <regex>
 
+#include "linked.h"
 #include "logging/log_manager.h"
-#include "support.h"
 
 namespace {
 
 struct Logging : testing::Test {
   Logging() {
+    umask(022);
     std::cout.rdbuf(console.rdbuf());
     manager->setPriority(600);
     manager->setPattern("%m%n");
     manager->setPath("/tmp");
   }
   ~Logging() override { std::cout.rdbuf(standard); }
+  static std::string readFile(const std::string& path) {
+    std::ostringstream text;
+    text << std::ifstream(path).rdbuf();
+    return text.str();
+  }
   // How many log files are open; each must be kept from child processes.
   static int openFiles() {
     int count = 0;

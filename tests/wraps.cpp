@@ -17,23 +17,21 @@
 
 #include "commands/clocksteward_switch.h"
 #include "hub/inbound.h"
-#include "support.h"
-
-std::atomic<int> enabledAtSystem = -1;
-int millisecondsPerSecond = 10;
-std::string sleepLog = "/tmp/slept";
+#include "linked.h"
 
 namespace {
 bool recording = false;
+const char* const monitorName = "monitor";
 thread_local const char* thread = nullptr;  // of a service thread
+
+const char* caller() { return gettid() == getpid() ? "main" : thread; }  // none: a sanitizer, before a thread begins
 
 // A line of the transcript that the service leaves of its calls.
 template <typename... Words>
 void record(const Words&... words) {
-  const bool isMain = gettid() == getpid();
-  if (!recording || (thread == nullptr && !isMain)) return;  // a sanitizer makes calls before a thread begins
+  if (!recording || caller() == nullptr) return;
   std::ostringstream line;
-  line << (isMain ? "main" : thread);
+  line << caller();
   ((line << ' ' << words), ...);
   std::ofstream("/tmp/calls", std::ios::app) << line.str() + "\n";
 }
@@ -41,14 +39,15 @@ void record(const Words&... words) {
 std::string failingCall;
 std::atomic<int> successes;
 int failureError;
+int millisecondsPerSecond = 90000;  // of the monitor thread's sleeps: quiet for an hour; the others' take no time
 
-// The service built with these stand-ins takes its failure from the environment: CALL:SKIP:ERROR:MILLISECONDS.
+// The service built with these stand-ins takes its plan from the environment: [MILLISECONDS [CALL SKIP ERROR]].
 [[maybe_unused]] const bool planned = [] {
-  const char* plan = std::getenv("HUB_FAILURE");
-  char call[64];
+  const char* plan = std::getenv("HUB_PLAN");
+  char call[64] = "";
   int skip = 0, error = 0;
-  if (plan == nullptr || std::sscanf(plan, "%63[^:]:%d:%d:%d", call, &skip, &error, &millisecondsPerSecond) < 3)
-    return false;
+  if (plan == nullptr) return false;
+  std::sscanf(plan, "%d %63s %d %d", &millisecondsPerSecond, call, &skip, &error);
   planFailure(call, skip, error);
   recording = true;
   std::atexit([] { std::puts("torn down"); });  // must not be seen: the end leaves before any destructor
@@ -64,7 +63,9 @@ struct Disturbing : log4cpp::LayoutAppender {
 [[maybe_unused]] const bool disturbed = (log4cpp::Category::getInstance("messages").addAppender(new Disturbing), true);
 
 // The error with which this call is to fail, or 0.
-int failure(const char* call) { return failingCall == call && successes-- <= 0 ? failureError : 0; }
+int failure(const char* call) {
+  return failingCall == call && caller() != nullptr && successes-- <= 0 ? failureError : 0;
+}
 }  // namespace
 
 void planFailure(const std::string& call, int skip, int error) {
@@ -98,8 +99,8 @@ WRAP(int, pthread_cancel, error, (pthread_t id), (id))
 WRAP(int, clock_nanosleep, error, (clockid_t c, int flags, const timespec* t, timespec* rest), (c, flags, t, rest), c,
      flags, t->tv_sec, t->tv_nsec, rest)
 
-WRAP(int, system, marked(error, -1), (const char* command), (command),
-     (enabledAtSystem = std::atomic_ref(clockstewardEnabled).load(), command))
+WRAP(int, system, marked(error, -1), (const char* command), (command), std::atomic_ref(clockstewardEnabled) + 0,
+     command)
 WRAP(FILE*, fopen64, marked(error, nullptr), (const char* path, const char* mode), (path, mode), path, mode)
 
 struct Start {
@@ -120,7 +121,7 @@ extern "C" int __wrap_pthread_create(pthread_t* id, const pthread_attr_t* a, voi
   sched_param priority{};
   pthread_attr_getdetachstate(a, &state), pthread_attr_getschedpolicy(a, &policy);
   pthread_attr_getinheritsched(a, &inherit), pthread_attr_getschedparam(a, &priority);
-  const char* name = run == inboundThread ? "inbound" : "monitor";
+  const char* name = run == inboundThread ? "inbound" : monitorName;
   record("pthread_create", name, state, policy, priority.sched_priority, inherit, argument);
   return __real_pthread_create(id, a, begin, new Start{run, name});
 }
@@ -134,7 +135,10 @@ extern "C" ssize_t __wrap_msgrcv(int id, void* message, std::size_t size, long t
 
 extern "C" unsigned __wrap_sleep(unsigned seconds) {
   record("sleep", seconds);
-  std::ofstream(sleepLog, std::ios::app) << "slept " << seconds << "\n";
-  usleep(seconds * static_cast<unsigned>(millisecondsPerSecond) * 1000);
+  std::fprintf(stderr, "slept %u\n", seconds);
+  // Below zero the monitor thread waits for a file that says go.
+  while (thread == monitorName && millisecondsPerSecond < 0 && unlink("/tmp/go") != 0) usleep(1000);
+  if (thread == monitorName && millisecondsPerSecond > 0)
+    usleep(seconds * static_cast<unsigned>(millisecondsPerSecond) * 1000);
   return 0;
 }

@@ -11,7 +11,8 @@
  * wants to be woken by the message itself calls msgrcv(2) with handle.id.
  *
  * Time-outs are in milliseconds; 0 looks once, a negative one waits for ever. A function that fails returns -1 with errno:
- *   ETIMEDOUT  nothing came, or there was no room, or no such queue, for so long
+ *   ETIMEDOUT  nothing came, or there was no room, or no such queue, for so long. strerror(3) says "Connection timed out",
+ *              which tells a user little: say it in words of your own
  *   EINTR      a handler of the peer's ended a nap; call again, or end. One that runs between two naps ends nothing: who
  *              waits for a flag of a handler's uses time-outs of, say, a second and looks at the flag after each
  *   EIDRM      the queue was removed, with all that was in it; the next call opens the one that takes its place
@@ -33,11 +34,15 @@
 
 #include "protocol.h"
 
-/** A queue that is used: set the key, and the id to -1. Belongs to one thread. */
+/** A queue that is used, begun with HUBKEEPER_HANDLE(key). Belongs to one thread. */
 struct hubkeeper_handle {
   int key;
-  int id; /* -1 while the queue is not open */
+  int id; /* -1 while the queue is not open; 0 is the id of a queue, so a handle of zeros is not one that is closed */
 };
+
+/** What a handle begins with: struct hubkeeper_handle queue = HUBKEEPER_HANDLE(HUBKEEPER_KEY_NETSTEWARD); */
+#define HUBKEEPER_HANDLE(key) \
+  { (key), -1 }
 
 /** A message with room for any text that HubKeeper takes or sends. */
 struct hubkeeper_message {
@@ -79,22 +84,35 @@ static inline int hubkeeper_nap(struct hubkeeper_wait *wait) {
   return nanosleep(&nap, NULL);
 }
 
-/**
- * Opens the queue of handle->key without ever creating it, and waits for it as long as there is none: who creates a
- * queue owns it, and that is HubKeeper's part. 0, also when it is open already, or -1 (ETIMEDOUT: no such queue; EINVAL: the
- * key is 0, of which no queue can be found).
- */
-static inline int hubkeeper_open(struct hubkeeper_handle *handle, long timeout) {
+/** Opens the queue like the two below; `rights`, as in a mode, is what the kernel is asked for. */
+static inline int hubkeeper_open_with(struct hubkeeper_handle *handle, int rights, long timeout) {
   struct hubkeeper_wait wait = hubkeeper_begin_wait(timeout);
   if (handle->key == IPC_PRIVATE) { /* msgget(2) would create a queue for this key, whatever the flags */
     errno = EINVAL;
     return -1;
   }
   while (handle->id == -1) {
-    handle->id = msgget(handle->key, 0);
+    handle->id = msgget(handle->key, rights);
     if (handle->id == -1 && (errno != ENOENT || hubkeeper_nap(&wait) == -1)) return -1;
   }
   return 0;
+}
+
+/**
+ * Opens the queue of handle->key without ever creating it, and waits for it as long as there is none: who creates a
+ * queue owns it, and that is HubKeeper's part. 0, also when it is open already, or -1 (ETIMEDOUT: no such queue; EINVAL: the
+ * key is 0, of which no queue can be found).
+ */
+static inline int hubkeeper_open(struct hubkeeper_handle *handle, long timeout) {
+  return hubkeeper_open_with(handle, 0, timeout);
+}
+
+/**
+ * The same for who is going to send: EACCES where this user may not. Nothing is touched for it, so a Ridgelink calls this
+ * before it takes anything off queue 1003, whose messages are somebody else's if it may not send.
+ */
+static inline int hubkeeper_open_to_send(struct hubkeeper_handle *handle, long timeout) {
+  return hubkeeper_open_with(handle, 0222, timeout);
 }
 
 /** After a failed call: closes the handle and sets errno to EIDRM if the reason was that the queue is gone. Always -1. */
@@ -132,7 +150,7 @@ static inline ssize_t hubkeeper_receive(struct hubkeeper_handle *handle, void *m
  */
 static inline int hubkeeper_send(struct hubkeeper_handle *handle, const void *message, size_t size, long timeout) {
   struct hubkeeper_wait wait = hubkeeper_begin_wait(timeout);
-  if (hubkeeper_open(handle, timeout) == -1) return -1;
+  if (hubkeeper_open_to_send(handle, timeout) == -1) return -1;
   while (msgsnd(handle->id, message, size, IPC_NOWAIT) == -1) {
     if (errno != EAGAIN) return hubkeeper_notice_removal(handle);
     if (hubkeeper_nap(&wait) == -1) return -1;

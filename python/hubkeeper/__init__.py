@@ -12,11 +12,14 @@
         hub.send(Packet(0x10, tag=42, payload=b"up"))
         assert netsteward.receive(timeout=1) == Packet(0x10, 42, b"up")
 
-For the distribution's /usr/bin/python3 with the package python3-sysv-ipc. Failures are exceptions, see errors.py; all
-times are in seconds. Whatever talks to queues belongs on a board, or into the sandbox, with a service of its own:
+For the distribution's /usr/bin/python3, with its package python3-sysv-ipc. All times are in seconds.
 
-    scripts/build
-    PYTHONPATH=python scripts/sandbox sh -c 'build/release/src/hubkeeper >/tmp/log & /usr/bin/python3'
+Failures are exceptions whose texts say what was seen: NoQueue, NoAnswer, PlaceTaken, Refused, TransferFailed and
+NotAPacket, each a HubError. A wrong argument is a ValueError or a TypeError, and a local file that cannot be read an
+OSError.
+
+Hub and Peer take messages from the queues of the machine that they run on, and Hub's commands are root's there. So they
+belong on a board, a bench, or into a container with a HubKeeper of its own.
 """
 
 from __future__ import annotations
@@ -35,12 +38,13 @@ from .protocol import (
     Opcode,
     Packet,
     Piece,
+    QueueFacts,
     StateNotice,
     decode_message,
     find_queue,
     opcode_name,
 )
-from .queues import Queue
+from .queues import Queue, QueueState
 
 __all__ = [
     "BUNDLE_MAX",
@@ -62,6 +66,8 @@ __all__ = [
     "Piece",
     "PlaceTaken",
     "Queue",
+    "QueueFacts",
+    "QueueState",
     "Refused",
     "Reply",
     "RoundTrip",

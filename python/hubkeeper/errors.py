@@ -12,11 +12,15 @@ class HubError(Exception):
 
 
 class NoQueue(HubError):
-    """A queue does not exist: HubKeeper has never run here, or somebody has removed it."""
+    """A queue does not exist: HubKeeper has not run since this machine's start, or somebody has removed it."""
 
 
 class NoAnswer(HubError, TimeoutError):
-    """Nothing came in time, or nothing could be sent in time. What was requested in vain has been taken back."""
+    """Nothing came in time, or nothing could be sent in time.
+
+    A request that HubKeeper had not taken yet has been taken back; one that it had taken may still be carried out. The
+    text says which of the two.
+    """
 
 
 class PlaceTaken(HubError):

@@ -38,7 +38,7 @@ from .protocol import (
     Packet,
     decode_message,
 )
-from .queues import Queue, living_process, refuse_beside_reader
+from .queues import Queue, moment_after, refuse_beside_reader
 
 _CHUNK_SIZE = BUNDLE_MAX - HEADER_SIZE
 _NAME_MAX = PACKET_MAX - HEADER_SIZE - 1  # the start of a transfer must fit one frame, with the byte behind the name
@@ -79,10 +79,12 @@ class Hub:
 
     What earlier talks have left in queue 1003 is taken off first and kept in `leftovers`, each message as its bytes;
     decode_message tells what they are. The queues are never created: `wait` is how long to wait until HubKeeper, when
-    it is only just starting, has done that.
+    it is only just starting, has done that with queue 1002. A missing queue 1003 comes back when HubKeeper sends; the
+    first bounce is lost.
 
-    Raises NoQueue when it has not, and PlaceTaken beside another living reader of queue 1003, unless `force` is given:
-    both would miss messages. This process counts as the reader as long as it lives, also after `close`.
+    Raises NoQueue when there is no queue 1002, Refused when this user may not send, and PlaceTaken beside another
+    living reader of queue 1003, unless `force` is given: both would miss messages. All three take nothing from anybody.
+    This process counts as the reader as long as it lives, also after `close`.
 
     While a request waits for its reply, other messages that come are dropped. A request that is given up, for lack of
     time or by Ctrl-C, is taken back from queue 1002 unless HubKeeper has taken it already: nothing is carried out later
@@ -90,18 +92,16 @@ class Hub:
     """
 
     def __init__(self, *, wait: float = 0.0, force: bool = False) -> None:
-        self._to_hub = Queue("inbound")
+        self._to_hub = Queue("inbound", sends=True)  # and so refused, if at all, before anything is taken
         self._from_hub = Queue("ridgelink")
         # HubKeeper takes messages of any type, so the type tells which ones in its queue are requests made here.
         self._mtype = 0x1000000 + os.getpid()
         self._tag = time.time_ns() >> 10 & 0xFFFF  # not where an earlier process began: its replies may still come
-        end = time.monotonic() + wait
-        for queue in (self._to_hub, self._from_hub):
-            if not queue.await_queue(max(0.0, end - time.monotonic())):
-                source, drain = queue.facts.source, queue.facts.drain
-                raise NoQueue(
-                    f"queue {queue.facts.key} ({source} to {drain}) does not exist: HubKeeper has never run here"
-                )
+        if not self._to_hub.await_queue(wait):
+            raise NoQueue(
+                "queue 1002 (Ridgelink to HubKeeper) does not exist:"
+                " HubKeeper has not run since this machine's start, or somebody has removed it"
+            )
         if not force:
             refuse_beside_reader(self._from_hub)
         self.leftovers = list(iter(lambda: self._from_hub.take(0), None))
@@ -129,20 +129,25 @@ class Hub:
         """
         if not isinstance(command, str):
             raise TypeError(f"a command is one text, as for a shell, not {command!r}")
+        if not command or "\0" in command:
+            raise ValueError("a command has at least one character, and no NUL, which would end it")
         if not status:
             output = self._run_text(command, timeout)
             return CommandResult(output, len(output) == PAYLOAD_MAX)
+        mark = os.urandom(3).hex()  # where no shell can run, the reply is an earlier one's
         script = (
             "t=$(mktemp /tmp/hubkeeper.XXXXXX) && { "
             f"sh -c {shlex.quote(command)} </dev/null >$t 2>&1; "
-            f"echo $? $(wc -c <$t); head -c {PAYLOAD_MAX} $t; rm -f $t; }}"
+            f"echo {mark} $? $(wc -c <$t); head -c {PAYLOAD_MAX} $t; rm -f $t; }}"
         )
         answer = self._run_script(script, timeout)
         head, _, output = answer.partition(b"\n")
         try:
-            code, size = map(int, head.split())
+            came, *numbers = head.decode("ascii", "replace").split()
+            code, size = map(int, numbers if came == mark else "")
         except ValueError:
-            raise Refused(f"the board could not prepare the command; it said {_text(answer)!r}") from None
+            said = f"it said, or had said before, {_text(answer)!r}"
+            raise Refused(f"the board could not prepare the command; {said}") from None
         return CommandResult(output, len(output) < size, code)
 
     def clocksteward(self, on: bool, timeout: float = 5.0) -> None:
@@ -173,8 +178,14 @@ class Hub:
         name = _target_name(target)
         with io.BytesIO(source) if isinstance(source, bytes) else _open_regular(source) as file:
             self._check_target(target, timeout)
-            self._start_transfer(target, name, timeout)
-            size, digest = self._send_chunks(file, timeout)
+            try:
+                self._start_transfer(target, name, timeout)
+                size, digest = self._send_chunks(file, timeout)
+            except NoAnswer as error:
+                raise NoAnswer(
+                    f"{error}; the transfer to {target} may be open, and send(Packet(Opcode.TRANSFER_END)) ends it,"
+                    " unless HubKeeper has ended meanwhile: a new one has no transfer open"
+                ) from None
         self._compare(target, size, digest, max(timeout, _COMPARE_TIMEOUT))
 
     def request(self, opcode: int, reply_opcode: int, payload: bytes = b"", timeout: float = 5.0) -> Reply:
@@ -183,10 +194,10 @@ class Hub:
         Raises NoAnswer, or ValueError when the Packet is longer than a Bundle.
         """
         packet = Packet(opcode, self._next_tag(), payload)
-        start = time.monotonic()
+        start, end = time.monotonic(), moment_after(timeout)
         bounce: float | None = None
         self._put(bytes(Bundle([packet])), timeout, self._mtype)
-        for message in self._messages(start + timeout):
+        for message in self._messages(end):
             if message == Bounce(opcode) and bounce is None:
                 bounce = time.monotonic() - start
             if isinstance(message, Packet) and (message.opcode, message.tag) == (reply_opcode, packet.tag):
@@ -262,7 +273,7 @@ class Hub:
             raise
 
     def _await_bounce(self, opcode: int, timeout: float) -> None:
-        if Bounce(opcode) not in self._messages(time.monotonic() + timeout):
+        if Bounce(opcode) not in self._messages(moment_after(timeout)):
             raise self._no_answer(timeout)
 
     def _send_and_await_bounce(self, opcode: int, payload: bytes, timeout: float) -> None:
@@ -274,38 +285,41 @@ class Hub:
 
     def _no_answer(self, timeout: float) -> NoAnswer:
         why = self._explain()
-        taken_back = self._take_back()
-        text = "; the request was taken back and will not be carried out later" if taken_back else ""
-        return NoAnswer(f"no answer within {timeout:g} s; {why}{text}")
+        fate = "had left queue 1002, and was not taken back"
+        if self._take_back():
+            fate = "was taken back, and will not be carried out later"
+        return NoAnswer(f"no answer within {timeout:g} s; {why}; the request {fate}")
 
     def _explain(self) -> str:
         """Why nothing comes, as far as queues and processes tell; disturbs neither."""
         inbound, outbound = self._to_hub.look(), self._from_hub.look()
-        if inbound is None or outbound is None:
-            return f"{self._to_hub if inbound is None else self._from_hub} has been removed"
-        reader, taker = living_process(inbound.reader), living_process(outbound.reader)
+        if inbound is None:
+            return f"{self._to_hub} has been removed"
+        reader, taker = inbound.living_reader(), outbound.living_reader() if outbound else None
         last = f"last read by {reader or f'process {inbound.reader}, which is gone'}"
         if inbound.reader == 0:
-            last = "never read by anybody"
+            last = "last read from another PID namespace" if inbound.taken else "never read by anybody"
         elif reader and reader.is_this:
             last = "last read by this process, which took a request back"
         if inbound.messages > 0:
             count = "1 message" if inbound.messages == 1 else f"{inbound.messages} messages"
-            return f"queue 1002 holds {count} and was {last}: HubKeeper is not running, or busy with a command"
+            known = reader is not None and not reader.is_this
+            state = "is busy with a command, or stopped" if known else "is not running, only just starting, or busy"
+            return f"queue 1002 holds {count} and was {last}: HubKeeper {state}"
         if taker and not taker.is_this:
             return f"queue 1002 is empty, but {taker} took messages from queue 1003 too"
         if reader and reader.is_this:
             return "queue 1002 is empty: the last request was taken back"
-        if not reader:
-            return f"queue 1002 is empty and was {last}: HubKeeper has ended since"
+        if not inbound.taken:
+            return "queue 1002 is empty, and nobody has ever read from it: it was removed meanwhile, and made anew"
+        if inbound.reader and not reader:
+            return f"queue 1002 is empty and was {last}: the HubKeeper that took what was sent has ended since"
         return f"queue 1002 is empty and was {last}: HubKeeper took what was sent, and is busy or has no answer to it"
 
     # Commands.
 
     def _run_text(self, text: str, timeout: float) -> bytes:
         command = text.encode("utf-8", "surrogateescape")
-        if not command or b"\0" in command:
-            raise ValueError("a command has at least one character, and no NUL, which would end it")
         if len(command) > COMMAND_MAX:
             raise ValueError(
                 f"the board takes {COMMAND_MAX} bytes of command text; with its quoting this has {len(command)}"
@@ -326,11 +340,12 @@ class Hub:
             f't={shlex.quote(target)}; if [ -d "$t" ]; then echo it is a directory; '
             'elif [ ! -d "${t%/*}/" ]; then echo its directory does not exist; '
             'elif [ -e "$t" ] && [ ! -f "$t" ]; then echo it is not a regular file; '
-            'elif (: >>"$t"); then [ -s "$t" ] || echo >>"$t"; echo ok; fi',
+            'elif (: >>"$t") && ([ -s "$t" ] || echo >>"$t"); then echo ok; fi',
             timeout,
         )
         if answer != b"ok\n":
-            raise Refused(f"cannot send to {target}: {_text(answer) or 'it cannot be opened'}")
+            reason = _text(answer).rpartition(": ")[2]  # behind what the shell says of itself
+            raise Refused(f"cannot send to {target}: {reason or 'it cannot be written'}")
 
     def _start_transfer(self, target: str, name: bytes, timeout: float) -> None:
         self._send_and_await_bounce(Opcode.TRANSFER_START, name + b"\0", timeout)
@@ -350,9 +365,8 @@ class Hub:
                 self._put(bytes(Packet(Opcode.TRANSFER_CHUNK, self._next_tag(), chunk)), timeout, self._mtype)
                 size += len(chunk)
                 digest.update(chunk)
-        except NoAnswer as error:
-            left = f"the transfer is left open after {size} bytes; send(Packet(Opcode.TRANSFER_END)) ends it"
-            raise NoAnswer(f"{error}; {left}") from None
+        except NoAnswer:  # an end would get no answer either
+            raise
         except BaseException:  # the end must go out in any case, or every further start is refused
             self._send_and_await_bounce(Opcode.TRANSFER_END, b"", timeout)
             raise
@@ -378,6 +392,8 @@ def _text(answer: bytes) -> str:
 
 def _target_name(target: str) -> bytes:
     """The target as a start names it: without its leading slash."""
+    if not isinstance(target, str):
+        raise TypeError(f"the target is a text or a Path, not {target!r}")
     name = target.encode("utf-8", "surrogateescape")
     if not name.startswith(b"/") or b"\0" in name:
         raise ValueError(f"the target is an absolute path without a NUL, and this is {target!r}")

@@ -11,7 +11,7 @@ from .queues import Queue, refuse_beside_reader
 
 
 class Peer:
-    """The reader of "netsteward", "clocksteward", "chronicler" or "stagehand", or of one of their keys.
+    """The reader of one local process's queue, told by name, such as "netsteward", or by key.
 
         with Peer("netsteward") as peer:
             for packet in peer:
@@ -19,8 +19,8 @@ class Peer:
 
     The loop waits for Packets for ever, and ends after `close`, which a signal handler may call: a Packet that has been
     taken is always handed out first. The queue is never created here: a Peer that is earlier than HubKeeper waits for
-    it, and goes on with the new queue when the old one is removed. HubKeeper never waits for a Peer: what finds its
-    queue full is lost.
+    it, and goes on with the new queue when the old one is removed, with all that was in it; `removals` counts that.
+    HubKeeper never waits for a Peer: what finds its queue full is lost.
 
     HubKeeper forwards a Packet whose length is under 5 with as many bytes as its length says. The loop passes over such
     messages and counts them in `skipped`; `receive` raises NotAPacket.
@@ -35,6 +35,11 @@ class Peer:
             raise ValueError(f"{self._queue} belongs to no local process; Hub stands in for Ridgelink")
         if not force:
             refuse_beside_reader(self._queue)
+
+    @property
+    def removals(self) -> int:
+        """How often the queue was removed under this Peer."""
+        return self._queue.removals
 
     def receive(self, timeout: float | None = None) -> Packet:
         """The next Packet. `timeout` is in seconds; None waits for ever.

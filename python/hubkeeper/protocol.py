@@ -1,8 +1,8 @@
 # SPDX-License-Identifier: LicenseRef-none-chosen-yet
 """The facts of HubKeeper's wire: queue keys, opcodes, sizes, Packets, and the walk of a Bundle.
 
-The same facts as in include/hubkeeper/protocol.h, by the same names; a test compares the two. Nothing here touches a
-queue, so it serves recordings as well.
+The same facts as in the C header hubkeeper/protocol.h, by the same names; a test compares the two. Nothing here
+touches a queue, so it serves recordings as well.
 
     byte 0  length   16 bits, low byte first: the whole Packet, these five bytes included
     byte 2  tag      16 bits, low byte first: given back in a reply, otherwise not interpreted
@@ -123,15 +123,23 @@ def opcode_name(opcode: int) -> str:
     >>> opcode_name(0x04), opcode_name(0x05), opcode_name(0x29)
     ('heartbeat', 'to netsteward', 'unknown')
     """
-    _require_within("an opcode", opcode, 0xFF)
+    require_within("an opcode", opcode, 0xFF)
     return next(name for first, last, name in OPCODES if first <= opcode <= last)
 
 
-def _require_within(what: str, number: int, most: int) -> None:
+def require_within(what: str, number: int, most: int, least: int = 0) -> None:
+    """Raises TypeError for what is no whole number, and ValueError for one that is not from `least` to `most`."""
     if not isinstance(number, int):
         raise TypeError(f"{what} is a number, not {number!r}")
-    if not 0 <= number <= most:
-        raise ValueError(f"{what} is from 0 to {most}, and this is {number}")
+    if not least <= number <= most:
+        raise ValueError(f"{what} is from {least} to {most}, and this is {number}")
+
+
+def require_bytes(what: str, data: bytes) -> bytes:
+    """The same bytes as an object of their own. Raises TypeError for what is none."""
+    if not isinstance(data, (bytes, bytearray, memoryview)):
+        raise TypeError(f"{what} is bytes, not {type(data).__name__}; a text must be encoded first")
+    return bytes(data)
 
 
 def _shown(payload: bytes, room: int = 16) -> str:
@@ -163,11 +171,9 @@ class Packet:
     payload: bytes = b""
 
     def __post_init__(self) -> None:
-        _require_within("an opcode", self.opcode, 0xFF)
-        _require_within("a tag", self.tag, 0xFFFF)
-        if not isinstance(self.payload, (bytes, bytearray, memoryview)):
-            raise TypeError(f"a payload is bytes, not {type(self.payload).__name__}; a text must be encoded first")
-        object.__setattr__(self, "payload", bytes(self.payload))
+        require_within("an opcode", self.opcode, 0xFF)
+        require_within("a tag", self.tag, 0xFFFF)
+        object.__setattr__(self, "payload", require_bytes("a payload", self.payload))
         if self.length > _LENGTH_MAX:
             most = _LENGTH_MAX - HEADER_SIZE
             raise ValueError(f"a payload has at most {most} bytes, and this has {len(self.payload)}")
@@ -200,6 +206,7 @@ class Packet:
         Traceback (most recent call last):
         ValueError: the length says 6 bytes, and there are 5
         """
+        data = require_bytes("a Packet to decode", data)
         if len(data) < HEADER_SIZE:
             raise ValueError(f"a Packet has at least {HEADER_SIZE} bytes, and there are {len(data)}")
         length, tag, opcode = _HEADER.unpack_from(data)
@@ -244,6 +251,9 @@ class Bundle:
 
     def __init__(self, packets: Iterable[Packet]) -> None:
         object.__setattr__(self, "packets", tuple(packets))
+        for packet in self.packets:
+            if not isinstance(packet, Packet):
+                raise TypeError(f"a Bundle is made of Packets, not of {packet!r}")
         size = sum(packet.length for packet in self.packets)
         if not 0 < size <= BUNDLE_MAX:
             raise ValueError(f"a Bundle has from 1 to {BUNDLE_MAX} bytes, and these Packets have {size}")
@@ -263,6 +273,7 @@ class Bundle:
         0 6 5 4 True
         5 1 65535 255 False
         """
+        data = require_bytes("a Bundle to walk", data)
         offset = 0
         good = True
         while good and offset < len(data):
@@ -276,11 +287,24 @@ class Bundle:
             offset += length
 
 
-@dataclass(frozen=True)
+@dataclass(frozen=True, repr=False)
 class Bounce:
-    """HubKeeper has taken a Packet with this opcode from its queue, whatever becomes of it. One byte on the wire."""
+    """HubKeeper has taken a Packet with this opcode from its queue, whatever becomes of it. One byte on the wire.
+
+    >>> print(Bounce(0x63))
+    bounce 63 command
+    """
 
     opcode: int
+
+    def __post_init__(self) -> None:
+        require_within("an opcode", self.opcode, 0xFF)
+
+    def __repr__(self) -> str:
+        return f"Bounce(0x{self.opcode:02x})"
+
+    def __str__(self) -> str:
+        return f"bounce {self.opcode:02x} {opcode_name(self.opcode)}"
 
 
 @dataclass(frozen=True)
@@ -288,6 +312,9 @@ class StateNotice:
     """The state of the board, from 1 to 65535. Two bytes on the wire; no Packet, and no reply to anything."""
 
     state: int
+
+    def __post_init__(self) -> None:
+        require_within("a state", self.state, 0xFFFF, least=1)
 
 
 Message: TypeAlias = Packet | Bounce | StateNotice
@@ -297,8 +324,9 @@ def decode_message(data: bytes) -> Message:
     """What Ridgelink gets, told apart by its size: a Bounce, a StateNotice, or a Packet. Otherwise a ValueError.
 
     >>> decode_message(b"\\x04"), decode_message(b"\\x02\\x00"), decode_message(b"\\x05\\x00\\x07\\x00\\x88")
-    (Bounce(opcode=4), StateNotice(state=2), Packet(0x88, tag=7, payload=b''))
+    (Bounce(0x04), StateNotice(state=2), Packet(0x88, tag=7, payload=b''))
     """
+    data = require_bytes("a message", data)
     if len(data) == 1:
         return Bounce(data[0])
     if len(data) == 2:

@@ -1,4 +1,4 @@
-// The six message queues: which there are, how they are opened, and their handles. All of this belongs to the inbound
+// The message queues: which there are, how they are opened, and their handles. All of this belongs to the inbound
 // thread; that is why nothing is locked. Queues are created where they are missing, and never closed or removed.
 #pragma once
 
@@ -18,7 +18,7 @@ int handleOf(hubkeeper_queue_index queue);
 /// Opens a queue, or creates it, and returns the new handle, -1 on a failure with errno set by msgget(2).
 int openQueue(hubkeeper_queue_index queue);
 
-/// Opens all six queues and enlarges Netsteward's to 10 MiB. A queue that cannot be opened ends the process; an
+/// Opens all queues and enlarges Netsteward's to 10 MiB. A queue that cannot be opened ends the process; an
 /// enlargement that is refused is logged.
 void createQues();
 

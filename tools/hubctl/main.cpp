@@ -6,44 +6,63 @@
 #include <fmt/format.h>
 
 #include <CLI/CLI.hpp>
-#include <cstdio>
+#include <algorithm>
 #include <map>
 #include <memory>
+#include <sstream>
 #include <string>
+#include <vector>
 
 #include "base/failure.h"
 #include "base/signals.h"
 #include "commands/commands.h"
+#include "commands/complete.h"
+#include "showing/output.h"
 #include "showing/terminal.h"
 
 namespace {
+
+using Words = std::vector<std::string>;
 
 struct Subcommand {
   const char* name;
   const char* summary;
   Action (*add)(CLI::App&);
+  int failed = 1;  // the exit status when it fails
 };
 
 constexpr Subcommand subcommands[] = {
     {"ping", "Send heartbeats and time the replies", addPing},
-    {"run", "Run a shell command on the board", addRun},
+    {"run", "Run a shell command on the board", addRun, 255},
     {"version", "Ask for the board's software version", addVersion},
     {"clocksteward", "Let Clocksteward run, or stop it and keep it stopped", addClocksteward},
     {"send", "Transfer a file to the board and verify it", addSend},
-    {"queues", "Show the six queues; only looks", addQueues},
+    {"get", "Fetch a file from the board and verify it", addGet},
+    {"queues", "Show the queues; only looks", addQueues},
     {"peek", "Show what waits in a queue, without taking it", addPeek},
     {"peers", "Play the local processes: drain and print their queues", addPeers},
+    {"trace", "Show what runs through the live hub; only looks", addTrace},
     {"raw", "Send any bytes as one Bundle and print what comes back", addRaw},
+    {"packet", "Send Packets by opcode, tag and payload, as one Bundle", addPacket},
+    {"status", "Tell whether the hub is well, and what to do; only looks", addStatus},
+    {"metrics", "Print what status knows for Prometheus; only looks", addMetrics},
+    {"log", "Show the service's log; only looks", addLog},
+    {"explain", "Tell what a line of the log means, and what to do", addExplain},
     {"check-config", "Tell what a service configuration would watch", addCheckConfig},
 };
 
-constexpr const char* footer = "hubctl SUBCOMMAND --help tells more.\nExit status: 0 done, 1 failed, 2 wrong usage.";
+constexpr const char* footer =
+    "hubctl help SUBCOMMAND tells more.\nExit status: 0 done, 1 failed, 2 wrong usage; that of run is the command's, "
+    "or 255.";
 
 // Names the words that a prefix command takes, which CLI11 leaves out.
 struct HelpFormatter : CLI::Formatter {
   std::string make_usage(const CLI::App* app, std::string name) const override {
     std::string usage = CLI::Formatter::make_usage(app, name);
-    if (app->get_prefix_command()) usage.insert(usage.find_last_not_of('\n') + 1, " COMMAND...");
+    const std::string words = app->get_name() == "packet"    ? " OPCODE [--tag N] [--text T]..."
+                              : app->get_name() == "explain" ? " [LINE]"
+                                                             : " COMMAND...";
+    if (app->get_prefix_command()) usage.insert(usage.find_last_not_of('\n') + 1, words);
     return usage;
   }
 };
@@ -76,39 +95,83 @@ int refuse(const CLI::App& app, const std::string& why) {
   return 2;
 }
 
-int refuseUnparsed(const CLI::App& app, int argc, char** argv, const CLI::ParseError& error) {
-  if (argc == 1) {
-    fmt::print(stderr, "{}", app.help());
-    return 2;
+const Subcommand* findSubcommand(const std::string& name) {
+  for (const Subcommand& row : subcommands) {
+    if (name == row.name) return &row;
   }
-  const bool unknown = chosen(app).empty() && argv[1][0] != '-';
-  return refuse(app, unknown ? fmt::format("there is no subcommand \"{}\"", argv[1]) : error.what());
+  return nullptr;
 }
 
-int runChosen(int argc, char** argv) {
-  CLI::App app("hubctl plays Ridgelink: it talks to HubKeeper through its message queues.", "hubctl");
-  const auto actions = declare(app);
+int failedStatus(const CLI::App& app) {
+  const Subcommand* row = findSubcommand(chosen(app));
+  return row == nullptr ? 1 : row->failed;
+}
+
+// The command line as CLI11 reads it: "help" asks the subcommand itself, options before a subcommand are its own, and the
+// end of the options before a COMMAND is not the end of all.
+Words arrange(Words words) {
+  if (!words.empty() && words.front() == "complete") return words;  // for the shells, see packaging/completion
+  if (!words.empty() && words.front() == "help") {
+    words.erase(words.begin());
+    if (!words.empty() && findSubcommand(words.front()) == nullptr && words.front() != "help") return words;
+    words.resize(std::min<std::size_t>(1, words.size()));
+    words.push_back("--help");
+    return words;
+  }
+  const auto name = std::find_if(words.begin(), words.end(), [](const auto& word) { return findSubcommand(word); });
+  if (name == words.end() || words.front() == "--version") return words;
+  if (words.front().starts_with("-")) std::rotate(words.begin(), name, name + 1);
+  const bool takesCommand = words.front() == "run" || words.front() == "packet" || words.front() == "explain";
+  const auto end = std::find(words.begin(), words.end(), "--");
+  if (takesCommand && end != words.end()) *end = endOfOptions;
+  return words;
+}
+
+int refuseUnparsed(const CLI::App& app, const Words& words, const CLI::ParseError& error) {
+  if (words.empty()) {
+    writeError(app.help());
+    return 2;
+  }
+  const bool unknown = chosen(app).empty() && !words.front().starts_with("-");
+  return refuse(app, unknown ? fmt::format("there is no subcommand \"{}\"", words.front()) : error.what());
+}
+
+int printRequested(const CLI::App& app, const CLI::Success& request) {
+  std::ostringstream text;
+  app.exit(request, text, text);  // --help and --version
+  write(text.str());
+  return 0;
+}
+
+int runChosen(CLI::App& app, const Words& words) {
   try {
-    app.parse(argc, argv);
-    return actions.at(chosen(app))();
-  } catch (const CLI::Success& request) {
-    return app.exit(request);  // --help and --version
+    const auto actions = declare(app);
+    if (!words.empty() && words.front() == "complete")
+      return printCompletions(app, Words(words.begin() + 1, words.end())), 0;
+    try {
+      app.parse(Words(words.rbegin(), words.rend()));
+      return actions.at(chosen(app))();
+    } catch (const CLI::Success& request) {
+      return printRequested(app, request);
+    }
   } catch (const CLI::ParseError& error) {
-    return refuseUnparsed(app, argc, argv, error);
+    return refuseUnparsed(app, words, error);
   } catch (const WrongUsage& error) {
     return refuse(app, error.what());
   } catch (const std::exception& error) {
     complain(error.what());
-    return 1;
+    return failedStatus(app);
   }
 }
 
 }  // namespace
 
 int main(int argc, char** argv) {
+  holdStandardStreams();
   catchSignals();
-  const int status = runChosen(argc, argv);
-  if (std::fflush(stdout) == 0) return status;
-  complain("cannot write to standard output");
-  return 1;
+  CLI::App app("hubctl plays Ridgelink: it talks to HubKeeper through its message queues.", "hubctl");
+  const int status = runChosen(app, arrange(Words(argv + 1, argv + argc)));
+  if (closeOutput()) return status;
+  if (status == 0) complain("cannot write all of the output");
+  return status == 2 ? status : failedStatus(app);
 }

@@ -1,5 +1,6 @@
 #include "base/clock.h"
 
+#include <algorithm>
 #include <ctime>
 
 #include "base/signals.h"
@@ -10,9 +11,11 @@ Clock::time_point after(double seconds) {
   return Clock::now() + std::chrono::duration_cast<Clock::duration>(std::chrono::duration<double>(seconds));
 }
 
+// In short naps: a signal that falls between the look at its mark and the nap would otherwise be noticed at the end only.
 void nap(double seconds) {
-  if (seconds <= 0 || interrupted != 0) return;
-  const auto whole = static_cast<time_t>(seconds);
-  const timespec span = {whole, static_cast<long>((seconds - static_cast<double>(whole)) * 1e9)};
-  nanosleep(&span, nullptr);
+  const Clock::time_point end = after(seconds);
+  for (double left = seconds; left > 0 && !stopWanted(); left = -secondsSince(end)) {
+    const timespec span = {0, static_cast<long>(std::min(left, 0.1) * 1e9)};
+    nanosleep(&span, nullptr);
+  }
 }

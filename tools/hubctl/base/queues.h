@@ -1,4 +1,4 @@
-// The six queues by name. Which there are, and in which order HubKeeper opens them, stands in hubkeeper/protocol.h.
+// The queues by name. Which there are, and in which order HubKeeper opens them, stands in hubkeeper/protocol.h.
 #pragma once
 
 #include <string_view>

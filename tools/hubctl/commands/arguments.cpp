@@ -3,8 +3,36 @@
 #include <fmt/format.h>
 
 #include <cctype>
+#include <cerrno>
+#include <cmath>
+#include <cstdio>
+#include <cstring>
 
 #include "base/failure.h"
+
+double parseNumber(const std::string& text, double least, bool whole) {
+  double given = 0;
+  const bool good = CLI::detail::lexical_cast(text, given) && given >= least && given <= 1e6;
+  if (good && (!whole || given == std::floor(given))) return given;
+  throw CLI::ValidationError(
+      fmt::format("{} is not a {}number from {:g} to 1000000", text, whole ? "whole " : "", least));
+}
+
+std::string readInput(const std::string& path) {
+  std::FILE* file = path == "-" ? stdin : std::fopen(path.c_str(), "rbe");
+  std::string content;
+  char part[4096];
+  bool good = file != nullptr;
+  for (std::size_t got = 1; good && got > 0;) {
+    got = std::fread(part, 1, sizeof part, file);
+    content.append(part, got);
+    good = std::ferror(file) == 0;
+  }
+  const int reason = errno;
+  if (file != nullptr && file != stdin) std::fclose(file);
+  if (!good) throw Failure(fmt::format("cannot read {}: {}", path, std::strerror(reason)));
+  return content;
+}
 
 Bytes parseHex(std::string_view text) {
   Bytes bytes;

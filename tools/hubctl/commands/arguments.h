@@ -6,6 +6,7 @@
 #include <CLI/CLI.hpp>
 #include <string>
 #include <string_view>
+#include <type_traits>
 
 #include "base/pieces.h"
 
@@ -15,18 +16,23 @@ CLI::Option* addArgument(CLI::App& app, const std::string& name, Value& value, c
   return app.add_option(name, value, help)->type_name("");
 }
 
-/// An option that takes a number from `least` up to a million.
+/// What an argument means as a number, 1e1 for 10 included; throws what CLI11 turns into a sentence when it is none from
+/// `least` up to a million, or no whole one where one is wanted.
+double parseNumber(const std::string& text, double least, bool whole);
+
+/// An option that takes such a number.
 template <class Number>
 CLI::Option* addNumber(CLI::App& app, const std::string& names, Number& number, const std::string& unit, double least,
                        const std::string& help) {
-  const auto check = [least](const std::string& text) {
-    double given = 0;
-    const bool good = CLI::detail::lexical_cast(text, given) && given >= least && given <= 1e6;
-    return good ? std::string() : fmt::format("{} is not a number from {:g} to 1000000", text, least);
+  const auto take = [least, &number](const std::string& text) {
+    number = static_cast<Number>(parseNumber(text, least, std::is_integral_v<Number>));
   };
-  return app.add_option(names, number, help)->type_name(unit)->check(CLI::Validator(check, ""));
+  return app.add_option_function<std::string>(names, take, help)->type_name(unit);
 }
 
 /// Bytes from hexadecimal digits, in pairs, with blanks, colons or commas anywhere between the pairs.
 /// Throws a WrongUsage that shows the place.
 Bytes parseHex(std::string_view text);
+
+/// All that a file holds, or standard input where the path is "-"; throws a Failure when it cannot be read.
+std::string readInput(const std::string& path);

@@ -7,6 +7,7 @@
 #include "commands/commands.h"
 #include "commands/session_options.h"
 #include "showing/json.h"
+#include "showing/output.h"
 #include "talking/requests.h"
 
 namespace {
@@ -24,8 +25,8 @@ int switchClocksteward(const Options& options) {
   if (options.json) {
     printJson({{"clocksteward", options.state}});
   } else {
-    fmt::print("Clocksteward is switched {}\n",
-               on ? "on: HubKeeper restarts it when it is dead" : "off: HubKeeper stops it and leaves it dead");
+    print("Clocksteward is switched {}\n",
+          on ? "on: HubKeeper restarts it when dead, if configured" : "off: HubKeeper stops it and leaves it dead");
   }
   return 0;
 }

@@ -11,6 +11,9 @@ class App;
 
 using Action = std::function<int()>;
 
+/// Stands for the "--" before a COMMAND, which CLI11 would take for itself.
+constexpr const char* endOfOptions = "\x01--";
+
 Action addPing(CLI::App& app);
 Action addRun(CLI::App& app);
 Action addVersion(CLI::App& app);
@@ -19,5 +22,12 @@ Action addSend(CLI::App& app);
 Action addQueues(CLI::App& app);
 Action addPeek(CLI::App& app);
 Action addPeers(CLI::App& app);
+Action addTrace(CLI::App& app);
 Action addRaw(CLI::App& app);
+Action addPacket(CLI::App& app);
+Action addGet(CLI::App& app);
 Action addCheckConfig(CLI::App& app);
+Action addLog(CLI::App& app);
+Action addExplain(CLI::App& app);
+Action addStatus(CLI::App& app);
+Action addMetrics(CLI::App& app);

@@ -1,6 +1,7 @@
 // What waits in a queue, decoded and left where it is.
 #include <fmt/format.h>
 
+#include <ctime>
 #include <memory>
 #include <nlohmann/json.hpp>
 
@@ -8,9 +9,12 @@
 #include "commands/arguments.h"
 #include "commands/commands.h"
 #include "looking/copies.h"
+#include "looking/processes.h"
 #include "looking/queues.h"
 #include "showing/json.h"
+#include "showing/output.h"
 #include "showing/piece_printer.h"
+#include "showing/terminal.h"
 
 namespace {
 
@@ -25,7 +29,7 @@ template <class Show>
 unsigned forEachMessage(const Queue& queue, unsigned most, Show show) {
   Copies copies(queue);
   unsigned shown = 0;
-  for (; interrupted == 0 && (most == 0 || shown < most); ++shown) {
+  for (; !stopWanted() && (most == 0 || shown < most); ++shown) {
     const auto text = copies.at(shown);
     if (!text) break;
     show(shown + 1, split(queue, *text));
@@ -53,15 +57,28 @@ void peekTable(const Queue& queue, unsigned most) {
     }
   });
   if (shown == 0) {
-    fmt::print("queue {} ({} to {}) is empty\n", queue.key, queue.from, queue.to);
+    print("queue {} ({} to {}) is empty\n", queue.key, queue.from, queue.to);
   } else if (const auto now = lookAt(queue); now && now->messages > shown) {
-    fmt::print("{} more\n", now->messages - shown);
+    print("{} more\n", now->messages - shown);
   }
+}
+
+// A copy is asked for by its place, and places move when somebody takes a message. The times are whole seconds.
+void tellOfReader(const Queue& queue, const std::optional<QueueState>& before, std::time_t start) {
+  const auto after = lookAt(queue);
+  if (!before || before->messages == 0 || !after || after->lastReceive < start) return;
+  const LastUser reader = lastUser(after->receiver, after->lastReceive);
+  if (after->lastReceive == start && reader.user == User::gone) return;
+  complain(fmt::format("process {} takes messages from this queue at this moment, so some may be missing here",
+                       describeUser(reader)));
 }
 
 int peek(const Options& options) {
   const Queue& queue = findQueue(options.queue);
+  const auto before = lookAt(queue);
+  const std::time_t start = std::time(nullptr);
   options.json ? peekJson(queue, options.most) : peekTable(queue, options.most);
+  tellOfReader(queue, before, start);
   return 0;
 }
 

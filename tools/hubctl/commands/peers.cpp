@@ -13,6 +13,7 @@
 #include "looking/queues.h"
 #include "looking/readers.h"
 #include "showing/json.h"
+#include "showing/output.h"
 #include "showing/piece_printer.h"
 #include "showing/terminal.h"
 #include "showing/text.h"
@@ -45,8 +46,8 @@ std::vector<Peer> choose(const std::vector<std::string>& names) {
 void tellOfMissing(const std::vector<Peer>& peers) {
   for (const Peer& peer : peers) {
     if (lookAt(*peer.queue)) continue;
-    complain(fmt::format("queue {} ({}) does not exist yet: HubKeeper makes it when it starts", peer.queue->key,
-                         peer.queue->name));
+    complain(fmt::format("queue {} ({}) does not exist yet: HubKeeper makes it when it starts, or sends to it",
+                         peer.queue->key, peer.queue->name));
   }
 }
 
@@ -63,7 +64,7 @@ int play(const Options& options) {
   PiecePrinter printer(fmt::format("{:<12}  {:<12}", "TIME", "QUEUE"));
   if (!options.json) printer.printTitles();
   unsigned taken = 0;
-  const auto wanted = [&] { return interrupted == 0 && (options.most == 0 || taken < options.most); };
+  const auto wanted = [&] { return !stopWanted() && (options.most == 0 || taken < options.most); };
   while (wanted()) {
     const unsigned before = taken;
     for (Peer& peer : peers) {
@@ -74,7 +75,7 @@ int play(const Options& options) {
       options.json ? printPieceJson(*peer.queue, piece)
                    : printer.print(fmt::format("{}  {:<12}", timeOfDay(), peer.queue->name), piece);
     }
-    std::fflush(stdout);
+    flushOutput();
     if (taken == before) nap(0.01);
   }
   return 0;
@@ -84,7 +85,7 @@ int play(const Options& options) {
 
 Action addPeers(CLI::App& app) {
   const auto options = std::make_shared<Options>();
-  addArgument(app, "NAME", options->names, "Whose queue, as in \"hubctl queues\" (default all four)");
+  addArgument(app, "NAME", options->names, "Whose queue, as in \"hubctl queues\" (default all)");
   addNumber(app, "-n,--number", options->most, "N", 1, "Stop after N messages; otherwise at Ctrl-C");
   app.add_flag("--force", options->force, "Go ahead beside the real process");
   app.add_flag("--json", options->json, "Print each message as one JSON object");

@@ -11,6 +11,7 @@
 #include "commands/commands.h"
 #include "commands/session_options.h"
 #include "showing/json.h"
+#include "showing/output.h"
 #include "showing/terminal.h"
 #include "showing/text.h"
 #include "talking/requests.h"
@@ -42,16 +43,16 @@ struct Tally {
 void printReply(std::uint16_t tag, const Reply& reply) {
   const std::string bounce =
       reply.bounceSeconds ? fmt::format("bounce={:.3f} ms", *reply.bounceSeconds * 1000) : inked(Ink::red, "no bounce");
-  fmt::print("{} bytes from HubKeeper: tag={:<5}  {}  time={:.3f} ms\n", reply.payload.size() + HUBKEEPER_HEADER_SIZE,
-             tag, bounce, reply.seconds * 1000);
-  std::fflush(stdout);
+  print("{} bytes from HubKeeper: tag={:<5}  {}  time={:.3f} ms\n", reply.payload.size() + HUBKEEPER_HEADER_SIZE, tag,
+        bounce, reply.seconds * 1000);
+  flushOutput();
 }
 
 void printTally(const Tally& tally) {
-  fmt::print("\n{}, {} answered, {} lost{}\n", count(tally.sent, "heartbeat"), tally.answered, tally.lost(),
-             tally.unbounced > 0 ? fmt::format(", {} without a bounce", tally.unbounced) : "");
+  print("\n{}, {} answered, {} lost{}\n", count(tally.sent, "heartbeat"), tally.answered, tally.lost(),
+        tally.unbounced > 0 ? fmt::format(", {} without a bounce", tally.unbounced) : "");
   if (tally.answered == 0) return;
-  fmt::print("round trip min/avg/max = {:.3f}/{:.3f}/{:.3f} ms\n", tally.shortest, tally.average(), tally.longest);
+  print("round trip min/avg/max = {:.3f}/{:.3f}/{:.3f} ms\n", tally.shortest, tally.average(), tally.longest);
 }
 
 void printTallyJson(const Tally& tally) {
@@ -66,7 +67,7 @@ void printTallyJson(const Tally& tally) {
 Tally sendHeartbeats(Session& session, const Options& options) {
   Tally tally;
   bool explained = false;
-  while (interrupted == 0 && (options.count == 0 || tally.sent < options.count)) {
+  while (!stopWanted() && (options.count == 0 || tally.sent < options.count)) {
     const Clock::time_point next = after(options.interval);
     ++tally.sent;
     try {
@@ -74,7 +75,7 @@ Tally sendHeartbeats(Session& session, const Options& options) {
       tally.add(reply);
       if (!options.json) printReply(session.currentTag(), reply);
     } catch (const Failure& silence) {
-      if (interrupted != 0) {  // nothing was lost: nobody waited for this one
+      if (stopWanted()) {  // nothing was lost: nobody waited for this one
         --tally.sent;
         break;
       }

@@ -1,38 +1,59 @@
-// The six queues as a table. It only looks, so it can be watched on a live board.
+// The queues as a table. It only looks, so it can be watched on a live board.
 #include <fmt/format.h>
 
+#include <algorithm>
+#include <cmath>
+#include <map>
 #include <memory>
 #include <nlohmann/json.hpp>
+#include <utility>
+#include <vector>
 
 #include "base/clock.h"
 #include "base/signals.h"
 #include "commands/arguments.h"
 #include "commands/commands.h"
+#include "looking/hub.h"
 #include "looking/processes.h"
 #include "looking/queues.h"
 #include "showing/json.h"
+#include "showing/output.h"
 #include "showing/terminal.h"
 #include "showing/text.h"
+#include "showing/watching.h"
+#include "showing/wrapping.h"
 
 namespace {
 
 struct Options {
   bool watch = false;
+  bool owners = false;
   bool json = false;
   double interval = 1;
 };
 
-struct Columns {
-  std::string name, key, messages, bytes, bar, sender, receiver, idle;
+// What the table shows beside its fixed columns.
+struct Shape {
+  bool bars = true;
+  bool owners = false;
+  bool changes = false;
+  int users = 16;  // columns for each of the two processes
 };
 
-constexpr int narrow = 92;  // columns; a smaller terminal goes without the bars
+struct Columns {
+  std::string name, key, messages, change, bytes, bar, sender, receiver, idle, owner;
+};
+
+constexpr int narrow = 92;    // columns; a smaller terminal goes without the bars
+constexpr int narrower = 77;  // and on one that is smaller than that, the processes get less room
 constexpr std::size_t barCells = 10;
 
-std::string lineOf(const Columns& columns, bool bars) {
-  return fmt::format("{:<12} {:>4} {:>5} {:>11}  {}{:<16} {:<16} {:>6}", columns.name, columns.key, columns.messages,
-                     columns.bytes, bars ? fmt::format("{:<{}}  ", columns.bar, barCells + 2) : "", columns.sender,
-                     columns.receiver, columns.idle);
+std::string lineOf(const Columns& columns, const Shape& shape) {
+  return fmt::format("{:<12} {:>4} {:>5} {}{:>11}  {}{:<{}.{}} {:<{}.{}} {:>6}{}", columns.name, columns.key,
+                     columns.messages, shape.changes ? fmt::format("{:>7} ", columns.change) : "", columns.bytes,
+                     shape.bars ? fmt::format("{:<{}}  ", columns.bar, barCells + 2) : "", columns.sender, shape.users,
+                     shape.users, columns.receiver, shape.users, shape.users, columns.idle,
+                     shape.owners ? "  " + columns.owner : "");
 }
 
 std::string fillBar(const QueueState& state) {
@@ -43,43 +64,82 @@ std::string fillBar(const QueueState& state) {
   return fmt::format("[{}{:.<{}}]", inked(ink, std::string(cells, '#')), "", barCells - cells);
 }
 
+// A sentence below the table, behind a mark in red.
+void addNote(std::vector<std::string>& notes, const std::string& mark, const std::string& text, int width) {
+  const std::size_t taken = mark.empty() ? 0 : mark.size() + 1;
+  std::vector<std::string> lines = wrapWords(text, width, taken, 2);
+  if (taken > 0) lines.front() = inked(Ink::red, mark) + " " + lines.front();
+  notes.insert(notes.end(), lines.begin(), lines.end());
+}
+
 Columns columnsOf(const Queue& queue, const QueueState& state) {
   const auto idle = idleSeconds(state);
   return {queue.name,
           std::to_string(queue.key),
           std::to_string(state.messages),
+          "",
           shortSize(state.bytes) + "/" + shortSize(state.capacity),
           fillBar(state),
-          fmt::format("{:.16}", describeProcess(state.sender)),
-          fmt::format("{:.16}", describeProcess(state.receiver)),
-          idle ? humanSpan(*idle) : "-"};
+          describeUser(lastUser(state.sender, state.lastSend)),
+          describeUser(lastUser(state.receiver, state.lastReceive)),
+          idle ? humanSpan(*idle) : "-",
+          fmt::format("{:<10} {:04o} {:>6}", userName(state.owner), state.mode, state.handle)};
 }
 
-void printTable(bool bars) {
-  const Columns titles = {"QUEUE", "KEY", "MSGS", "BYTES", "", "LAST SENDER", "LAST RECEIVER", "IDLE"};
-  fmt::print("{}\n", inked(Ink::bold, lineOf(titles, bars)));
-  std::string notes;
+// The numbers of messages at the last look, for what they change by in a second: the kernel counts what waits, not what passes.
+class Changes {
+ public:
+  std::string of(const Queue& queue, std::uint64_t messages) {
+    const auto [seen, fresh] = before.try_emplace(queue.key, messages, Clock::now());
+    const double span = secondsSince(seen->second.second);
+    const double change = static_cast<double>(messages) - static_cast<double>(seen->second.first);
+    seen->second = {messages, Clock::now()};
+    if (fresh || span <= 0) return "";
+    return change == 0 ? "0" : fmt::format("{:+.{}f}", change / span, std::abs(change / span) < 10 ? 1 : 0);
+  }
+
+ private:
+  std::map<int, std::pair<std::uint64_t, Clock::time_point>> before;
+};
+
+// The lines of the table. Its notes are wrapped at `width`, unless that is 0.
+std::vector<std::string> makeTable(const Shape& shape, int width, Changes& changes) {
+  const Columns titles = {
+      "QUEUE", "KEY",         "MSGS",          "CHG/S", "BYTES",
+      "",      "LAST SENDER", "LAST RECEIVER", "IDLE",  fmt::format("{:<10} {} {:>6}", "OWNER", "MODE", "ID")};
+  std::vector<std::string> lines = {inked(Ink::bold, lineOf(titles, shape))}, notes;
   std::size_t missing = 0;
+  bool unseen = false;
   for (const Queue& queue : hubkeeper_queues) {
     const auto state = lookAt(queue);
     if (!state) {
       ++missing;
-      const Columns columns = {queue.name, std::to_string(queue.key), "-", "missing", "", "", "", ""};
-      fmt::print("{}\n", inked(Ink::dim, lineOf(columns, bars)));
+      const Columns columns = {queue.name, std::to_string(queue.key), "-", "", "missing", "", "", "", "", ""};
+      lines.push_back(inked(Ink::dim, lineOf(columns, shape)));
       continue;
     }
-    const std::string why = trouble(*state);
-    if (!why.empty()) notes += fmt::format("{} {}\n", inked(Ink::red, fmt::format("! {}:", queue.name)), why);
-    fmt::print("{}\n", lineOf(columnsOf(queue, *state), bars));
+    Columns columns = columnsOf(queue, *state);
+    columns.change = changes.of(queue, state->messages);
+    unseen = unseen || columns.sender == "unseen" || columns.receiver == "unseen";
+    const std::string why = trouble(queue, *state);
+    if (!why.empty()) addNote(notes, fmt::format("! {}:", queue.name), why, width);
+    lines.push_back(lineOf(columns, shape));
   }
-  if (missing == HUBKEEPER_QUEUE_COUNT) notes = "HubKeeper has never run here: it creates its queues when it starts\n";
-  if (!notes.empty()) fmt::print("\n{}", notes);
+  if (missing == HUBKEEPER_QUEUE_COUNT) addNote(notes, "", whyMissing(), width);
+  if (unseen)
+    addNote(notes, "", "unseen: a process in another PID namespace, where its number means nothing here", width);
+  if (!notes.empty()) lines.emplace_back();
+  lines.insert(lines.end(), notes.begin(), notes.end());
+  return lines;
 }
 
-nlohmann::json processJson(pid_t id) {
-  if (id == 0) return {};
-  const auto living = livingProcess(id);
-  return {{"pid", living ? living->id : id}, {"name", living ? living->name : ""}, {"alive", living.has_value()}};
+nlohmann::json userJson(pid_t id, std::time_t when) {
+  const LastUser last = lastUser(id, when);
+  if (last.user == User::none || last.user == User::unseen) return {};
+  return {{"pid", last.process ? last.process->id : id},
+          {"name", last.process ? last.process->name : ""},
+          {"alive", last.process.has_value()},
+          {"doubtful", last.user == User::doubtful}};
 }
 
 nlohmann::json queueJson(const Queue& queue) {
@@ -90,9 +150,12 @@ nlohmann::json queueJson(const Queue& queue) {
   json.update({{"messages", state->messages},
                {"bytes", state->bytes},
                {"capacity", state->capacity},
-               {"sender", processJson(state->sender)},
-               {"receiver", processJson(state->receiver)},
-               {"trouble", trouble(*state)}});
+               {"id", state->handle},
+               {"owner", userName(state->owner)},
+               {"mode", fmt::format("{:04o}", state->mode)},
+               {"sender", userJson(state->sender, state->lastSend)},
+               {"receiver", userJson(state->receiver, state->lastReceive)},
+               {"trouble", trouble(queue, *state)}});
   if (const auto idle = idleSeconds(*state)) json["idleSeconds"] = *idle;
   return json;
 }
@@ -103,18 +166,17 @@ void printList() {
   printJson(list);
 }
 
+Shape shapeFor(const Options& options, int width) {
+  const int more = (options.owners ? 24 : 0) + (options.watch ? 8 : 0);
+  return {width == 0 || width >= narrow + more, options.owners, options.watch,
+          width == 0 || width >= narrower + more ? 16 : 13};
+}
+
 int showQueues(const Options& options) {
-  const int width = terminalWidth();
-  do {
-    if (options.watch && width > 0 && !options.json) {
-      fmt::print("\033[H\033[2J{}, every {:g} s; Ctrl-C ends\n\n", timeOfDay().substr(0, 8), options.interval);
-    }
-    options.json ? printList() : printTable(width == 0 || width >= narrow);
-    std::fflush(stdout);
-    if (options.watch) nap(options.interval);
-    if (options.watch && width == 0 && !options.json) fmt::print("\n");
-  } while (options.watch && interrupted == 0);
-  return 0;
+  Changes changes;
+  const auto lines = [&](int width) { return makeTable(shapeFor(options, width), width, changes); };
+  if (options.json) return showAgain(options.watch, options.interval, printList), 0;
+  return showLines(options.watch, options.interval, lines), 0;
 }
 
 }  // namespace
@@ -123,6 +185,7 @@ Action addQueues(CLI::App& app) {
   const auto options = std::make_shared<Options>();
   app.add_flag("--watch", options->watch, "Show them again and again, until Ctrl-C");
   addNumber(app, "-i,--interval", options->interval, "SECONDS", 0.1, "Time between two looks (default 1)");
+  app.add_flag("-l,--long", options->owners, "Add each queue's owner, mode and id");
   app.add_flag("--json", options->json, "Print one JSON array a look");
   return [options] { return showQueues(*options); };
 }

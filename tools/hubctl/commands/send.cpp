@@ -1,20 +1,21 @@
 // A file to the board, compared afterwards.
+#include <fcntl.h>
 #include <fmt/format.h>
 #include <sys/stat.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
 #include <memory>
 #include <nlohmann/json.hpp>
 
-#include "base/clock.h"
 #include "base/failure.h"
 #include "commands/commands.h"
 #include "commands/session_options.h"
 #include "showing/json.h"
+#include "showing/output.h"
 #include "showing/terminal.h"
 #include "showing/text.h"
-#include "talking/board.h"
 #include "talking/transfer.h"
 
 namespace {
@@ -22,6 +23,7 @@ namespace {
 struct Options : TalkOptions {
   std::string file;
   std::string target;
+  std::string mode;
 };
 
 using File = std::unique_ptr<std::FILE, int (*)(std::FILE*)>;
@@ -33,7 +35,8 @@ void completeTarget(const std::string& file, std::string& target) {
 }
 
 File openRegular(const std::string& path, std::uint64_t& size) {
-  File file(std::fopen(path.c_str(), "rb"), std::fclose);
+  const int descriptor = open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK);  // a FIFO would wait for a writer
+  File file(descriptor == -1 ? nullptr : fdopen(descriptor, "rb"), std::fclose);
   struct stat status = {};
   if (!file || fstat(fileno(file.get()), &status) != 0) {
     throw Failure(fmt::format("cannot read {}: {}", path, std::strerror(errno)));
@@ -43,59 +46,37 @@ File openRegular(const std::string& path, std::uint64_t& size) {
   return file;
 }
 
-// The SHA-256 of a local file, from the tool that the board has too; empty where it is missing.
-std::string localSum(const std::string& path) {
-  const std::string command = "sha256sum <" + shellQuote(path);
-  const File pipe(popen(command.c_str(), "r"), pclose);
-  char sum[65] = "";
-  return pipe && std::fread(sum, 1, 64, pipe.get()) == 64 ? sum : "";
-}
-
-bool bothSummed(const Sum& here, const Sum& board) { return here.sha256.size() == 64 && board.sha256.size() == 64; }
-
-void printSumsJson(const std::string& target, const Sum& here, const Sum& board, double seconds) {
-  const bool same = board.bytes == here.bytes && (!bothSummed(here, board) || board.sha256 == here.sha256);
+void printResultJson(const std::string& target, const Result& result) {
   printJson({{"target", target},
-             {"bytes", here.bytes},
-             {"seconds", seconds},
-             {"boardBytes", board.bytes},
-             {"sha256", here.sha256},
-             {"boardSha256", board.sha256},
-             {"same", same}});
+             {"bytes", result.here.bytes},
+             {"seconds", result.seconds},
+             {"boardBytes", result.board.bytes},
+             {"sha256", result.here.sha256},
+             {"boardSha256", result.board.sha256},
+             {"same", true}});
 }
 
-void requireSame(const std::string& target, const Sum& here, const Sum& board) {
-  if (board.bytes != here.bytes) {
-    throw Failure(
-        fmt::format("{} has {} bytes on the board instead of {}; is its disk full?", target, board.bytes, here.bytes));
-  }
-  if (!bothSummed(here, board)) {
-    throw Failure("the size is right, but sha256sum is missing, so the content was not compared");
-  }
-  if (board.sha256 == here.sha256) return;
-  throw Failure(fmt::format("{} differs on the board: SHA-256 {} instead of {}", target, board.sha256, here.sha256));
+void printResult(const std::string& target, const Result& result) {
+  const double rate = static_cast<double>(result.here.bytes) / std::max(result.seconds, 1e-6);
+  print("sent {} to {} in {:.2f} s, {}/s\n", humanSize(result.here.bytes), harmless(target), result.seconds,
+        humanSize(static_cast<std::uint64_t>(rate)));
+  if (!result.unsummed()) print("size and SHA-256 are the same on the board\n");
 }
 
-int send(const Options& options) {
-  Sum here;
-  const File file = openRegular(options.file, here.bytes);
+int send(const Options& options, bool waitGiven) {
+  Order order = {nullptr, 0, options.target, options.mode, options.wait};
+  const File file = openRegular(options.file, order.size);
+  order.file = file.get();
+  // A slow board sums up some megabytes a second.
+  if (!waitGiven) order.compareWait = 60 + static_cast<double>(order.size) / 4e6;
   Session session(options);
-  checkTarget(session, options.target);
-  const Clock::time_point start = Clock::now();
-  transfer(session, options.target, file.get(), here.bytes);
-  const double seconds = secondsSince(start);
-
-  showPassing("comparing size and SHA-256 on the board ...");
-  const Sum board = sumOnBoard(session, options.target);
-  here.sha256 = localSum(options.file);
-  showPassing("");
-  if (options.json) printSumsJson(options.target, here, board, seconds);
-  requireSame(options.target, here, board);
-  if (options.json) return 0;
-  const double rate = static_cast<double>(here.bytes) / seconds;
-  fmt::print("sent {} to {} in {:.2f} s, {}/s\nsize and SHA-256 are the same on the board\n", humanSize(here.bytes),
-             options.target, seconds, humanSize(static_cast<std::uint64_t>(rate)));
-  return 0;
+  const Result result = transfer(session, order);
+  options.json ? printResultJson(options.target, result) : printResult(options.target, result);
+  if (!result.complaint.empty()) {
+    complain("the owner or mode of the old file could not be carried over:\n" + result.complaint);
+  }
+  if (!result.unsummed()) return result.complaint.empty() ? 0 : 1;
+  throw Failure("the size is right, but sha256sum is missing, so the content was not compared");
 }
 
 }  // namespace
@@ -104,11 +85,20 @@ Action addSend(CLI::App& app) {
   const auto options = std::make_shared<Options>();
   addArgument(app, "FILE", options->file, "The file to send")->required();
   addArgument(app, "TARGET", options->target, "Its absolute path on the board, or a directory and /")->required();
-  addSessionOptions(app, *options, "Give up when nothing returns for so long (default 5)");
+  app.add_option("--mode", options->mode, "Mode of a new file, in octal; an old one's is kept")
+      ->type_name("MODE")
+      ->check(CLI::Validator(
+          [](const std::string& text) {
+            const bool octal = text.size() <= 4 && text.find_first_not_of("01234567") == std::string::npos;
+            return octal && !text.empty() ? std::string() : text + " is no mode in octal";
+          },
+          ""));
+  const CLI::Option* wait = addSessionOptions(app, *options, "Give up when nothing returns for so long (default 5)");
   app.footer(
-      "An existing target is overwritten.\nStatus 0 when size and SHA-256 are the same on the board afterwards.");
-  return [options] {
+      "An existing target is replaced when all has come through, and put back otherwise.\n"
+      "Status 0 when size and SHA-256 are the same on the board afterwards.");
+  return [options, wait] {
     completeTarget(options->file, options->target);
-    return send(*options);
+    return send(*options, wait->count() > 0);
   };
 }

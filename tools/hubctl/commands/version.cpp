@@ -8,6 +8,9 @@
 #include "commands/commands.h"
 #include "commands/session_options.h"
 #include "showing/json.h"
+#include "showing/output.h"
+#include "showing/terminal.h"
+#include "showing/text.h"
 #include "talking/requests.h"
 
 namespace {
@@ -19,7 +22,9 @@ int showVersion(const TalkOptions& options) {
   if (options.json) {
     printJson({{"version", text}});
   } else {
-    fmt::print("{}{}", text, text.empty() || text.back() == '\n' ? "" : "\n");
+    const bool open = terminalWidth() > 0 && !text.ends_with('\n');  // elsewhere it is printed byte by byte
+    write(terminalWidth() > 0 ? harmless(text, "\n\t") : text);
+    write(open && !text.empty() ? "\n" : "");
   }
   if (!text.empty()) return 0;
   throw Failure(

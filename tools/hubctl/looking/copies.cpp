@@ -26,8 +26,14 @@ std::optional<ByteView> Copies::at(unsigned place) {
   const ssize_t size = msgrcv(handle, frame.message(), room, place, MSG_COPY | IPC_NOWAIT);
   if (size >= 0) return ByteView(frame.text(), static_cast<std::size_t>(size));
   const int error = errno;
-  if (error == ENOMSG || error == EIDRM) return std::nullopt;
-  if (error == ENOSYS || (error == EINVAL && place == 0)) {
+  if (error == ENOMSG || error == EIDRM || (error == EINVAL && !lookAt(source))) return std::nullopt;
+  if (error == EINVAL) {
+    throw Failure(
+        fmt::format("message {} of queue {} cannot be copied: it has more than {} bytes, which is the longest\n"
+                    "that /proc/sys/kernel/msgmax allows now",
+                    place + 1, source.key, room));
+  }
+  if (error == ENOSYS) {
     throw Failure(
         "this kernel cannot copy a message: it was built without CONFIG_CHECKPOINT_RESTORE\n"
         "hubctl queues still tells how many wait");

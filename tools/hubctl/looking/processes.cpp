@@ -1,11 +1,86 @@
 #include "looking/processes.h"
 
 #include <fmt/format.h>
+#include <sys/syscall.h>
+#include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
+#include <charconv>
 #include <csignal>
 #include <cstdlib>
+#include <filesystem>
 #include <fstream>
+#include <iterator>
+#include <set>
+#include <sstream>
+#include <string_view>
+
+#include "showing/text.h"
+
+namespace {
+
+// The numeric entries of a directory of /proc, as far as they can be seen.
+std::vector<pid_t> idsIn(const std::string& directory) {
+  std::vector<pid_t> ids;
+  std::error_code gone;
+  for (std::filesystem::directory_iterator entry(directory, gone), end; !gone && entry != end; entry.increment(gone)) {
+    const std::string name = entry->path().filename();
+    pid_t id = 0;
+    if (std::from_chars(name.data(), name.data() + name.size(), id).ptr == name.data() + name.size()) ids.push_back(id);
+  }
+  return ids;
+}
+
+constexpr std::time_t clockGrain = 2;  // seconds: start and boot are rounded
+
+// When this machine was started, by its clock of now: it moves when the clock is set.
+std::time_t bootTime() {
+  std::ifstream file("/proc/stat");
+  long long seconds = 0;
+  for (std::string word; file >> word;) {
+    if (word == "btime" && file >> seconds) break;
+  }
+  return static_cast<std::time_t>(seconds);
+}
+
+Queues queuesOf(pid_t id) {
+  std::error_code refused;
+  const auto theirs = std::filesystem::read_symlink(fmt::format("/proc/{}/ns/ipc", id), refused);
+  if (theirs.empty()) return Queues::unknown;
+  return theirs == std::filesystem::read_symlink("/proc/self/ns/ipc", refused) ? Queues::ours : Queues::others;
+}
+
+bool bearsTheName(const Process& process) { return process.name.starts_with("hubkeeper"); }
+
+// Seconds from the machine's start to that of a process or thread: the 22nd field, behind a name that may hold anything.
+std::time_t startSeconds(pid_t id) {
+  std::ifstream file(fmt::format("/proc/{}/stat", id));
+  const std::string line{std::istreambuf_iterator<char>(file), {}};
+  std::istringstream fields(line.substr(std::min(line.size(), line.rfind(')') + 1)));
+  std::string field;
+  for (int number = 3; number <= 22; ++number) fields >> field;
+  return static_cast<std::time_t>(std::atoll(field.c_str()) / sysconf(_SC_CLK_TCK));
+}
+
+// The children of the thread that was started second; nothing where the kernel does not tell, or there is no such thread.
+std::optional<std::set<pid_t>> commandsOf(pid_t hub) {
+  std::vector<pid_t> threads = idsIn(fmt::format("/proc/{}/task", hub));
+  std::sort(threads.begin(), threads.end());
+  if (threads.size() < 2) return std::nullopt;
+  std::ifstream file(fmt::format("/proc/{}/task/{}/children", hub, threads[1]));
+  if (!file) return std::nullopt;
+  return std::set<pid_t>(std::istream_iterator<pid_t>(file), {});
+}
+
+// Whether a thread stands in msgrcv(2) on that queue: its system call and first argument.
+bool waitsFor(std::ifstream& call, int queueHandle) {
+  long number = -1;
+  std::string first;
+  return (call >> number >> first) && number == SYS_msgrcv && std::strtol(first.c_str(), nullptr, 16) == queueHandle;
+}
+
+}  // namespace
 
 std::optional<Process> livingProcess(pid_t id) {
   if (id <= 0 || (kill(id, 0) == -1 && errno != EPERM)) return std::nullopt;
@@ -13,14 +88,101 @@ std::optional<Process> livingProcess(pid_t id) {
   std::ifstream file(fmt::format("/proc/{}/status", id));
   for (std::string line; std::getline(file, line);) {
     if (line.starts_with("State:\tZ") || line.starts_with("State:\tX")) return std::nullopt;
+    if (line.starts_with("State:\tT") || line.starts_with("State:\tt")) process.stopped = true;
+    if (line.starts_with("TracerPid:\t") && process.stopped) process.debugger = std::atoi(line.c_str() + 11);
     if (line.starts_with("Name:\t")) process.name = line.substr(6);
     if (line.starts_with("Tgid:\t")) process.id = std::atoi(line.c_str() + 6);
+    if (line.starts_with("PPid:\t")) process.parent = std::atoi(line.c_str() + 6);
   }
   return process;
 }
 
-std::string describeProcess(pid_t id) {
-  if (id == 0) return "none";
+// A command that the hub is just starting still has its name.
+std::optional<Process> findByName(Queues whose) {
+  for (const Process& process : livingProcesses()) {
+    if (!bearsTheName(process) || queuesOf(process.id) != whose) continue;
+    const auto parent = livingProcess(process.parent);
+    if (!parent || !bearsTheName(*parent)) return process;
+  }
+  return std::nullopt;
+}
+
+double processAge(pid_t id) {
+  timespec now = {};
+  clock_gettime(CLOCK_BOOTTIME, &now);
+  return std::max(0.0, static_cast<double>(now.tv_sec - startSeconds(id)));
+}
+
+bool clockSetSince(std::time_t when) { return when < bootTime() || when > std::time(nullptr) + clockGrain; }
+
+LastUser lastUser(pid_t id, std::time_t when) {
+  if (id == 0) return {when == 0 ? User::none : User::unseen, 0, {}};
   const auto process = livingProcess(id);
-  return process ? fmt::format("{} {}", process->id, process->name) : fmt::format("{}, gone", id);
+  if (!process) return {User::gone, id, {}};
+  if (clockSetSince(when)) return {User::doubtful, id, process};
+  if (bootTime() + startSeconds(id) > when + clockGrain) return {User::gone, id, {}};
+  return {User::alive, id, process};
+}
+
+std::vector<Process> livingProcesses() {
+  std::vector<Process> processes;
+  for (const pid_t id : idsIn("/proc")) {
+    if (const auto process = livingProcess(id)) processes.push_back(*process);
+  }
+  return processes;
+}
+
+std::unordered_map<std::string, std::vector<pid_t>> shownNames() {
+  std::unordered_map<std::string, std::vector<pid_t>> names;
+  for (const pid_t id : idsIn("/proc")) {
+    char line[511];
+    std::ifstream file(fmt::format("/proc/{}/cmdline", id), std::ios::binary);
+    file.read(line, sizeof line);
+    std::string_view shown(line, static_cast<std::size_t>(file.gcount()));
+    shown = shown.substr(0, std::min(shown.size(), shown.find('\0')));
+    shown.remove_prefix(std::min(shown.size(), shown.find_first_not_of(' ')));
+    shown = shown.substr(0, std::min(shown.size(), shown.find(' ')));
+    if (!shown.empty()) names[std::string(shown)].push_back(id);
+  }
+  return names;
+}
+
+std::optional<Process> deepestChild(pid_t hub) {
+  const std::vector<Process> all = livingProcesses();
+  const auto own = commandsOf(hub);
+  std::optional<Process> deepest;
+  for (bool deeper = true; deeper;) {
+    deeper = false;
+    const pid_t parent = deepest ? deepest->id : hub;
+    const bool chosen = parent == hub && own;
+    for (const Process& process : all) {
+      if (process.parent != parent || (chosen && !own->contains(process.id))) continue;
+      deepest = process;
+      deeper = true;
+    }
+  }
+  return deepest;
+}
+
+Waiting whoWaits(int queueHandle) {
+  Waiting waiting;
+  for (const pid_t id : idsIn("/proc")) {
+    for (const pid_t thread : idsIn(fmt::format("/proc/{}/task", id))) {
+      errno = 0;
+      std::ifstream call(fmt::format("/proc/{}/task/{}/syscall", id, thread));
+      if (waitsFor(call, queueHandle)) return {livingProcess(id), false};
+      waiting.hidden = waiting.hidden || errno == EACCES || errno == EPERM;
+    }
+  }
+  return waiting;
+}
+
+std::string describeUser(const LastUser& last) {
+  switch (last.user) {
+    case User::none: return "none";
+    case User::unseen: return "unseen";
+    case User::gone: return fmt::format("{}, gone", last.id);
+    default: break;
+  }
+  return fmt::format("{}{} {}", last.process->id, last.user == User::doubtful ? "?" : "", harmless(last.process->name));
 }

@@ -1,21 +1,17 @@
 #include "looking/queues.h"
 
 #include <fmt/format.h>
+#include <pwd.h>
 #include <sys/msg.h>
 
 #include <algorithm>
 #include <cerrno>
+#include <cstdio>
 #include <cstring>
+#include <memory>
 
 #include "base/failure.h"
 #include "looking/processes.h"
-#include "showing/text.h"
-
-namespace {
-
-double secondsSince(std::time_t moment) { return std::difftime(std::time(nullptr), moment); }
-
-}  // namespace
 
 std::optional<QueueState> lookAt(const Queue& queue) {
   const int handle = msgget(queue.key, 0);
@@ -24,21 +20,29 @@ std::optional<QueueState> lookAt(const Queue& queue) {
     if (errno == ENOENT || errno == EIDRM || errno == EINVAL) return std::nullopt;
     throw Failure(fmt::format("cannot look at queue {} ({}): {}", queue.key, queue.name, std::strerror(errno)));
   }
-  return QueueState{handle,          state.msg_qnum,  state.msg_cbytes, state.msg_qbytes,
-                    state.msg_lspid, state.msg_lrpid, state.msg_stime,  state.msg_rtime};
+  return QueueState{handle,
+                    state.msg_qnum,
+                    state.msg_cbytes,
+                    state.msg_qbytes,
+                    state.msg_lspid,
+                    state.msg_lrpid,
+                    state.msg_stime,
+                    state.msg_rtime,
+                    state.msg_perm.uid,
+                    state.msg_perm.cuid,
+                    static_cast<unsigned>(state.msg_perm.mode & 0777)};
 }
 
 std::optional<double> idleSeconds(const QueueState& state) {
   const std::time_t last = std::max(state.lastSend, state.lastReceive);
-  return last == 0 ? std::nullopt : std::optional(secondsSince(last));
+  if (last == 0 || clockSetSince(last)) return std::nullopt;
+  return std::max(0.0, std::difftime(std::time(nullptr), last));
 }
 
-std::string trouble(const QueueState& state) {
-  if (state.messages == 0) return "";
-  if (state.receiver == 0) return "nobody drains it: no process has ever read from it";
-  const auto reader = livingProcess(state.receiver);
-  if (!reader) return fmt::format("nobody drains it: its last reader, process {}, is gone", state.receiver);
-  const double waiting = secondsSince(state.lastReceive);
-  if (waiting < 3) return "";
-  return fmt::format("not drained for {}: {} is busy or stuck", humanSpan(waiting), reader->name);
+// From the file itself: what getpwuid(3) loads at run time may not fit a static program.
+std::string userName(uid_t id) {
+  const std::unique_ptr<FILE, int (*)(FILE*)> list(std::fopen("/etc/passwd", "re"), &std::fclose);
+  const passwd* entry = nullptr;
+  while (list && (entry = fgetpwent(list.get())) != nullptr && entry->pw_uid != id) continue;
+  return entry == nullptr ? std::to_string(id) : entry->pw_name;
 }

@@ -20,13 +20,17 @@ struct QueueState {
   pid_t receiver;  // likewise
   std::time_t lastSend;
   std::time_t lastReceive;
+  uid_t owner;
+  uid_t creator;
+  unsigned mode;
 };
 
 /// Nothing when the queue does not exist; throws a Failure when it may not be looked at.
 std::optional<QueueState> lookAt(const Queue& queue);
 
-/// Seconds since anybody sent or took a message; nothing when nobody ever has.
+/// Seconds since anybody sent or took a message, whole ones as the kernel keeps them; nothing when nobody ever has, or
+/// when the clock has been set since.
 std::optional<double> idleSeconds(const QueueState& state);
 
-/// Why messages pile up, as a sentence; empty where they do not.
-std::string trouble(const QueueState& state);
+/// The name of a user, or the number where there is none.
+std::string userName(uid_t id);

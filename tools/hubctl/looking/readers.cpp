@@ -4,34 +4,64 @@
 #include <unistd.h>
 
 #include "base/failure.h"
+#include "looking/hub.h"
 #include "looking/processes.h"
 #include "looking/queues.h"
 #include "showing/text.h"
 
+namespace {
+
+// What is known of a reader; empty where there is none.
+std::string knownReader(const Queue& queue, const QueueState& state) {
+  const std::string name = fmt::format("queue {} ({})", queue.key, queue.name);
+  const auto waiting = whoWaits(state.handle).process;
+  if (waiting && waiting->id != getpid()) {
+    return fmt::format("process {} ({}) reads {}: it waits for the next message", waiting->id, waiting->name, name);
+  }
+  const LastUser last = lastUser(state.receiver, state.lastReceive);
+  if (last.user == User::unseen) {
+    return fmt::format(
+        "the last message of {} was taken by a process in another PID namespace, which may still read it", name);
+  }
+  if (!last.process || last.process->id == getpid()) return "";
+  if (last.user == User::alive) {
+    return fmt::format("process {} ({}) reads {}: it took the last message", last.process->id, last.process->name,
+                       name);
+  }
+  return fmt::format(
+      "the last message of {} was taken by a process of the number {}, which is {} now; the clock has been set since,\n"
+      "so it may be the reader or a later one",
+      name, last.process->id, last.process->name);
+}
+
+}  // namespace
+
 void refuseBesideReader(const Queue& queue, bool force) {
   const auto state = lookAt(queue);
-  const auto reader = state ? livingProcess(state->receiver) : std::nullopt;
-  if (force || !reader || reader->id == getpid()) return;
+  const std::string reader = force || !state ? "" : knownReader(queue, *state);
+  if (reader.empty()) return;
   throw Failure(
-      fmt::format("process {} ({}) reads queue {} ({}), and a message is taken by one reader alone\n"
-                  "stop it first, or use --force and let both miss messages",
-                  reader->id, reader->name, queue.key, queue.name));
+      reader +
+      "\na message is taken by one reader alone: end that one first, or use --force and let both miss messages");
 }
 
 std::string explainSilence() {
   const auto in = lookAt(inbound);
   const auto out = lookAt(ridgelink);
-  if (!in || !out) return "the queues have been removed";
-  const std::string hub =
-      in->receiver == 0 ? "nobody has read from it yet" : "last read by " + describeProcess(in->receiver);
+  if (!in) return "queue 1002 has been removed";
+  const HubState hub = lookAtHub();
   if (in->messages > 0) {
-    return fmt::format("queue 1002 holds {}, {} of {} bytes ({}):\nHubKeeper is not running, or busy with a command",
-                       count(in->messages, "message"), in->bytes, in->capacity, hub);
+    return fmt::format("queue 1002 holds {}, {} of {} bytes:\n{}", count(in->messages, "message"), in->bytes,
+                       in->capacity, describeHub(hub));
   }
-  if (out->receiver != 0 && out->receiver != getpid() && livingProcess(out->receiver)) {
-    return fmt::format("queue 1002 is empty, but process {} took messages from queue 1003 too",
-                       describeProcess(out->receiver));
+  const LastUser other = out ? lastUser(out->receiver, out->lastReceive) : LastUser{};
+  if (other.process && other.process->id != getpid()) {
+    return fmt::format("queue 1002 is empty, but process {} took messages from queue 1003 too", describeUser(other));
   }
-  if (!livingProcess(in->receiver)) return fmt::format("queue 1002 is empty ({}): HubKeeper has ended since", hub);
-  return fmt::format("queue 1002 is empty ({}): HubKeeper took it and has not answered yet", hub);
+  const bool late = out && out->messages > 0;
+  const char* taken = late                          ? "; what lies in queue 1003 came too late"
+                      : hub.doing == Doing::waiting ? ": it took the request and has no answer to it"
+                      : hub.doing == Doing::absent  ? " any more"
+                                                    : "";
+  return fmt::format("queue 1002 is empty:\n{}{}", describeHub(hub), taken);
 }

@@ -5,8 +5,8 @@
 
 #include "base/queues.h"
 
-/// Throws a Failure when the queue's last receiver still lives and is not this very process: a message is taken by one
-/// reader alone, so that both would miss some. With `force` it goes ahead.
+/// Throws a Failure when any other process waits for the queue's next message, or when its last receiver still lives, or may
+/// live: a message is taken by one reader alone, so that both would miss some. With `force` it goes ahead.
 void refuseBesideReader(const Queue& queue, bool force);
 
 /// Why no answer has come, as far as queues 1002 and 1003 show it: one or two lines.

@@ -1,9 +1,8 @@
 #include "showing/json.h"
 
-#include <fmt/format.h>
-
 #include <nlohmann/json.hpp>
 
+#include "showing/output.h"
 #include "showing/text.h"
 
 namespace {
@@ -13,7 +12,7 @@ constexpr const char* kindNames[] = {"packet", "bounce", "state", "bad"};
 }  // namespace
 
 void printJson(const nlohmann::json& json) {
-  fmt::print("{}\n", json.dump(-1, ' ', false, nlohmann::json::error_handler_t::replace));
+  print("{}\n", json.dump(-1, ' ', false, nlohmann::json::error_handler_t::replace));
 }
 
 nlohmann::json pieceJson(const Piece& piece) {

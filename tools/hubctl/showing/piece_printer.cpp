@@ -3,8 +3,8 @@
 #include <fmt/format.h>
 
 #include <algorithm>
-#include <cstdio>
 
+#include "showing/output.h"
 #include "showing/terminal.h"
 #include "showing/text.h"
 
@@ -33,8 +33,8 @@ std::string payloadText(ByteView payload, int room) {
 void PiecePrinter::printTitles() {
   if (titles.empty()) return;
   titles += fmt::format("  {:>6}  {:>5}  {:<{}}  {}", "LENGTH", "TAG", "OPCODE", opcodeWidth, "PAYLOAD");
-  fmt::print("{}\n", inked(Ink::bold, titles));
-  std::fflush(stdout);
+  ::print("{}\n", inked(Ink::bold, titles));
+  flushOutput();
   titles.clear();
 }
 
@@ -46,7 +46,7 @@ void PiecePrinter::print(std::string_view columns, const Piece& piece) {
   const std::string payload = payloadText(piece.payload, width == 0 ? 0 : std::max(8, width - taken));
   const auto line = [&](std::string_view tag, Ink ink, std::string_view what, std::string_view rest) {
     const std::string padded = rest.empty() ? std::string(what) : fmt::format("{:<{}}  ", what, opcodeWidth);
-    fmt::print("{}  {:>6}  {:>5}  {}{}\n", columns, piece.length, tag, inked(ink, padded), rest);
+    ::print("{}  {:>6}  {:>5}  {}{}\n", columns, piece.length, tag, inked(ink, padded), rest);
   };
   switch (piece.kind) {
     case Kind::packet: line(std::to_string(piece.tag), Ink::cyan, opcode, payload); break;
@@ -54,5 +54,5 @@ void PiecePrinter::print(std::string_view columns, const Piece& piece) {
     case Kind::state: line("", Ink::yellow, "state notice", payload); break;
     case Kind::bad: line("", Ink::red, "no Packet", payload); break;
   }
-  std::fflush(stdout);
+  flushOutput();
 }

@@ -3,9 +3,9 @@
 #include <fmt/format.h>
 
 #include <algorithm>
-#include <cstdio>
 #include <string>
 
+#include "showing/output.h"
 #include "showing/terminal.h"
 #include "showing/text.h"
 
@@ -14,7 +14,7 @@ Progress::Progress(std::uint64_t totalBytes) : total(totalBytes), visible(termin
 Progress::~Progress() {
   if (!visible || total == 0) return;
   draw();
-  fmt::print(stderr, "\n");
+  writeError("\n");
 }
 
 void Progress::show(std::uint64_t doneBytes) {
@@ -39,6 +39,5 @@ void Progress::draw() {
     bar = fmt::format("[{}{:.<{}}]", inked(Ink::green, std::string(static_cast<std::size_t>(full), '#'), STDERR_FILENO),
                       "", cells - full);
   }
-  fmt::print(stderr, "\r\033[K{}{}", bar, figures);
-  std::fflush(stderr);
+  writeError(fmt::format("\r\033[K{}{}", bar, figures));
 }

@@ -3,65 +3,75 @@
 #include <fmt/format.h>
 
 #include <algorithm>
-#include <sstream>
+#include <cmath>
+#include <cstdio>
 
+#include "base/clock.h"
 #include "base/failure.h"
-#include "base/signals.h"
-#include "showing/progress.h"
 #include "talking/board.h"
 
 namespace {
 
-std::string fetch(Session& session, const std::string& file, std::uint64_t size) {
-  std::string content;
-  Progress progress(size);
-  for (std::uint64_t piece = 0; content.size() < size; ++piece) {
-    const std::string bytes = runScript(
-        session, fmt::format("dd if={} bs={} skip={} count=1 2>/dev/null", file, HUBKEEPER_PAYLOAD_MAX, piece));
-    if (bytes.empty()) throw Failure("the output kept on the board has become shorter");
-    content += bytes;
-    progress.show(content.size());
-  }
-  content.resize(static_cast<std::size_t>(size));  // a job in the background may have gone on writing
-  return content;
+constexpr int statusOfTimeout = 124;
+
+// What runs the command and leaves timeout(1)'s own status in $o, 0 when it stopped nothing, and the command's in $s. The
+// shell between them outlives SIGTERM, so that what ignores it is still watched, and killed a second later.
+std::string running(const std::string& command, double timeout) {
+  const std::string quoted = shellQuote(command);
+  if (timeout <= 0) return fmt::format("sh -c {} </dev/null >$t 2>&1; s=$? o=0 n=0", quoted);
+  const double whole = std::ceil(timeout);
+  const std::string probe = whole == timeout ? "" : fmt::format("timeout 9.5 true 2>/dev/null || n={:.0f}; ", whole);
+  return fmt::format(
+      "n={:.12g} k='-k 1'; {}timeout $k 9 true 2>/dev/null || k='-s KILL'; "
+      "s=$({{ timeout $k $n sh -c 'trap : TERM; sh -c \"$1\" </dev/null >\"$2\" 2>&1; echo $?' x {} $t; }} "
+      "2>/dev/null); "
+      "o=$?",
+      timeout, probe, quoted);
 }
 
-// The same, and removes the file from the board, whatever happens; a Ctrl-C ends the fetching, not the tidying up.
-std::string fetchAndRemove(Session& session, const std::string& file, std::uint64_t size) {
-  const auto remove = [&] {
-    interrupted = 0;
-    runScript(session, "rm -f " + file);
-  };
-  std::string content;
-  try {
-    content = fetch(session, file, size);
-  } catch (const Failure&) {
-    remove();
-    throw;
+// The first line of the reply: the statuses, the time-out and the size of the output. What was killed earlier than that was
+// killed by somebody else.
+void readHeader(const std::string& reply, double seconds, Outcome& outcome) {
+  constexpr const char* lost = "the board's shell was ended before it could tell how the command went";
+  int tool = 0, status = -1;
+  unsigned long long size = 0;
+  if (reply.empty()) throw Failure(lost);
+  if (std::sscanf(reply.c_str(), "%d %lf %llu %d", &tool, &outcome.timeout, &size, &status) < 3) {
+    throw Failure("the board could not prepare the command; it said\n" + reply);
   }
-  remove();
-  return content;
+  const bool ended = tool == 137 || tool == 143;  // timeout or its shell was killed, or terminated
+  outcome.timedOut = tool == statusOfTimeout || (ended && seconds >= outcome.timeout);
+  if (ended && !outcome.timedOut) throw Failure(lost);
+  if (tool != 0 && !outcome.timedOut) {
+    throw Failure(fmt::format("the board's timeout could not run the command: status {}{}", tool,
+                              tool == 127 ? ", it has no such program" : ""));
+  }
+  outcome.status = outcome.timedOut ? statusOfTimeout : status;
+  outcome.size = size;
 }
 
 }  // namespace
 
 Outcome runCommand(Session& session, const std::string& command, double timeout, bool all) {
-  const std::string limit = timeout > 0 ? fmt::format("timeout {:g} ", timeout) : "";
-  const std::string rest = all ? "$t" : fmt::format("; head -c {} $t; rm -f $t", HUBKEEPER_PAYLOAD_MAX);
-  const std::string reply = runScript(
-      session,
-      fmt::format("t=$(mktemp /tmp/hubctl.XXXXXX) && {{ {}sh -c {} </dev/null >$t 2>&1; echo $? $(wc -c <$t) {}; }}",
-                  limit, shellQuote(command), rest));
-  std::istringstream header(reply.substr(0, reply.find('\n')));
+  const std::string kept = temporaryName();
+  const std::string rest = all ? "" : fmt::format("; head -c {} $t; rm -r {}", roomForOutput, kept);
+  const Clock::time_point start = Clock::now();
   Outcome outcome;
-  int status = 0;
-  std::string path;
-  if (!(header >> status >> outcome.size) || (all && !(header >> path))) {
-    throw Failure("the board could not prepare the command; it said\n" + reply);
+  bool ran = false;
+  try {
+    const std::string reply =
+        runScript(session, fmt::format("t={}/o; {} && {{ {}; echo $o $n $(wc -c <$t) $s{}; }}", kept,
+                                       makeDirectory(kept), running(command, timeout), rest));
+    ran = true;
+    readHeader(reply, secondsSince(start), outcome);
+    outcome.output = reply.substr(std::min(reply.size(), reply.find('\n') + 1));
+    const auto sink = [&](std::string_view piece) { outcome.output += piece; };
+    if (all) fetchFromBoard(session, kept + "/o", outcome.size, sink);
+  } catch (const std::exception&) {
+    if (ran || !session.tookBack()) removeFromBoard(session, kept, ran);
+    throw;
   }
-  outcome.status = status;
-  outcome.output = all ? fetchAndRemove(session, shellQuote(path), outcome.size)
-                       : reply.substr(std::min(reply.size(), reply.find('\n') + 1));
+  if (all) removeFromBoard(session, kept, true, true);
   outcome.cut = outcome.output.size() < outcome.size;
   return outcome;
 }

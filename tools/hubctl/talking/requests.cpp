@@ -38,7 +38,10 @@ void awaitBounce(Session& session, std::uint8_t opcode) {
 }
 
 Failure unanswered(Session& session, double waited) {
-  std::string text = interrupted != 0 ? "interrupted before the answer came\n" : "";
-  if (interrupted == 0 && waited > 0) text = fmt::format("no answer within {:.3g} s\n", waited);
-  return Failure(text + session.giveUp());
+  const std::string why = session.giveUp();
+  if (stopWanted()) {
+    return Failure(session.tookBack() ? "interrupted, and the request was taken back: it will not be carried out later"
+                                      : "interrupted before the answer came");
+  }
+  return Failure((waited > 0 ? fmt::format("no answer within {:.3g} s\n", waited) : "") + why);
 }

@@ -8,10 +8,12 @@
 #include <cerrno>
 #include <cstring>
 
-#include "base/failure.h"
 #include "base/frame.h"
 #include "base/signals.h"
+#include "looking/hub.h"
 #include "looking/kernel_limits.h"
+#include "looking/processes.h"
+#include "looking/queues.h"
 #include "looking/readers.h"
 #include "showing/terminal.h"
 #include "showing/text.h"
@@ -29,7 +31,7 @@ std::uint16_t firstTag() {
   return static_cast<std::uint16_t>(std::chrono::system_clock::now().time_since_epoch().count() >> 10);
 }
 
-// Milliseconds to wait before the next look at the deadline and at `interrupted`: a signal that falls between that look
+// Milliseconds to wait before the next look at the deadline and at the mark of a signal: a signal that falls between that look
 // and the nap of a queue call would otherwise be noticed at its end only.
 long slice(Clock::time_point deadline) {
   const auto left = deadline - Clock::now();
@@ -39,11 +41,20 @@ long slice(Clock::time_point deadline) {
 // Whether a wait that has ended for this reason goes on; otherwise `errno` is for failOn.
 bool waitsOn(int reason) { return reason == ETIMEDOUT || reason == EINTR; }
 
-hubkeeper_handle openExisting(const Queue& queue) {
-  hubkeeper_handle handle{queue.key, -1};
-  if (hubkeeper_open(&handle, 0) == 0) return handle;
-  throw Failure(
-      fmt::format("queue {} ({} to {}) does not exist: HubKeeper has never run here", queue.key, queue.from, queue.to));
+// Who had the turn before may not be quite gone yet, and would look like a living reader.
+void awaitExit() {
+  const auto isLeaving = [] {
+    const auto state = lookAt(ridgelink);
+    const auto reader = state ? lastUser(state->receiver, state->lastReceive).process : std::nullopt;
+    return reader && reader->id != getpid() && reader->name == "hubctl";
+  };
+  for (const Clock::time_point deadline = after(0.5); isLeaving() && Clock::now() < deadline;) nap(0.005);
+}
+
+// Who sent last on the queue to Ridgelink, if it still lives: what waits there may come from a hub of before.
+pid_t livingSender() {
+  const auto state = lookAt(ridgelink);
+  return state && lastUser(state->sender, state->lastSend).process ? state->sender : 0;
 }
 
 [[noreturn]] void failOn(const Queue& queue, const char* verb) {
@@ -54,32 +65,69 @@ hubkeeper_handle openExisting(const Queue& queue) {
   throw Failure(fmt::format("cannot {} queue {} ({}): {}{}", verb, queue.key, queue.name, std::strerror(error), hint));
 }
 
+// Asks for the right to send: the kernel says no here, before anything is touched.
+hubkeeper_handle openInbound() {
+  const hubkeeper_handle handle{inbound.key, msgget(inbound.key, 0200)};
+  if (handle.id != -1) return handle;
+  if (errno != ENOENT) failOn(inbound, "send on");
+  throw Failure(fmt::format("queue 1002 (Ridgelink to HubKeeper) does not exist:\n{}", whyMissing()));
+}
+
 }  // namespace
 
 Session::Session(const SessionOptions& options)
-    : inboundHandle(openExisting(inbound)),
-      ridgelinkHandle(openExisting(ridgelink)),
+    : inboundHandle(openInbound()),
+      ridgelinkHandle{ridgelink.key, -1},
+      turn(options.wait),
       longest(longestMessage()),
       tag(firstTag()),
       patience(options.wait) {
+  awaitExit();
   refuseBesideReader(ridgelink, options.force);
   std::uint64_t leftovers = 0;
-  while (take(Clock::now())) ++leftovers;
+  while (receive(0)) ++leftovers;
   if (leftovers == 0) return;
   complain(fmt::format("took {} first that had been left in queue 1003", count(leftovers, "message")));
 }
 
+std::size_t Session::longestBundle() const {
+  const auto state = lookAt(inbound);
+  const std::size_t capacity = state ? static_cast<std::size_t>(state->capacity) : 0;
+  return std::min({std::size_t{HUBKEEPER_BUNDLE_MAX}, longest, capacity});
+}
+
+// The id of the last sender is the hub's own: nobody else sends on that queue.
+void Session::requireHub(bool answered) {
+  if (hubProcess == 0) return;
+  const pid_t old = hubProcess;
+  const auto state = lookAt(ridgelink);
+  const bool replaced = state && state->sender != old;
+  if (!replaced && (answered || livingProcess(old))) return;
+  hubProcess = 0;
+  throw HubLost(replaced ? fmt::format("HubKeeper was started anew meanwhile: process {} took the place of {}",
+                                       state->sender, old)
+                         : fmt::format("HubKeeper (process {}) has ended meanwhile", old));
+}
+
 void Session::put(ByteView bundle, Clock::time_point deadline) {
+  if (!bound) hubProcess = 0;
+  taken = false;
   if (bundle.size() > longest) {
     throw WrongUsage(fmt::format("the kernel takes messages of {} bytes at most (/proc/sys/kernel/msgmax); this has {}",
                                  longest, bundle.size()));
   }
+  if (const auto state = lookAt(inbound); state && bundle.size() > state->capacity) {
+    throw Failure(
+        fmt::format("queue 1002 has room for {} bytes in all, and this Bundle has {}", state->capacity, bundle.size()));
+  }
   Frame frame(bundle.size(), ownType());
   std::copy(bundle.begin(), bundle.end(), frame.text());
   const Clock::time_point start = Clock::now();
-  while (hubkeeper_send(&inboundHandle, frame.message(), bundle.size(), slice(deadline)) == -1) {
+  for (;;) {
+    requireHub(false);
+    if (hubkeeper_send(&inboundHandle, frame.message(), bundle.size(), slice(deadline)) == 0) return;
     if (!waitsOn(errno)) failOn(inbound, "send on");
-    if (interrupted != 0) throw Failure("interrupted while queue 1002 was full");
+    if (stopWanted()) throw Failure("interrupted while queue 1002 was full");
     if (Clock::now() < deadline) continue;
     throw Failure(
         fmt::format("queue 1002 has been full for {:.3g} s, so nothing was sent\n{}", secondsSince(start), giveUp()));
@@ -87,13 +135,20 @@ void Session::put(ByteView bundle, Clock::time_point deadline) {
 }
 
 std::optional<Bytes> Session::take(Clock::time_point deadline) {
-  Frame frame(longest);
   for (;;) {
-    const ssize_t size = hubkeeper_receive(&ridgelinkHandle, frame.message(), longest, slice(deadline));
-    if (size >= 0) return Bytes(frame.text(), frame.text() + size);
-    if (!waitsOn(errno)) failOn(ridgelink, "receive from");
-    if (interrupted != 0 || Clock::now() >= deadline) return std::nullopt;
+    auto message = receive(slice(deadline));
+    if (message && hubProcess == 0) hubProcess = livingSender();
+    requireHub(message.has_value());
+    if (message || stopWanted() || Clock::now() >= deadline) return message;
   }
+}
+
+std::optional<Bytes> Session::receive(long milliseconds) {
+  Frame frame(longest);
+  const ssize_t size = hubkeeper_receive(&ridgelinkHandle, frame.message(), longest, milliseconds);
+  if (size >= 0) return Bytes(frame.text(), frame.text() + size);
+  if (!waitsOn(errno)) failOn(ridgelink, "receive from");
+  return std::nullopt;
 }
 
 std::string Session::giveUp() {
@@ -108,5 +163,6 @@ bool Session::takeBack() {
   while (msgrcv(inboundHandle.id, frame.message(), HUBKEEPER_BUNDLE_MAX, ownType(), IPC_NOWAIT | MSG_NOERROR) >= 0) {
     any = true;
   }
+  taken = taken || any;
   return any;
 }

@@ -1,7 +1,9 @@
 // One conversation with HubKeeper in Ridgelink's place: Bundles go out on the inbound queue, bounces, replies and
-// notices come back on the other. A session refuses to start beside a living reader, and takes what an earlier
-// conversation left behind before it sends anything. Single-threaded.
+// notices come back on the other. A session waits for its turn, refuses to start beside a living reader, and takes what an
+// earlier conversation left behind before it sends anything. Single-threaded.
 #pragma once
+
+#include <sys/types.h>
 
 #include <cstddef>
 #include <cstdint>
@@ -9,21 +11,39 @@
 #include <string>
 
 #include "base/clock.h"
+#include "base/failure.h"
 #include "base/pieces.h"
 #include "hubkeeper/queue.h"
+#include "talking/turn.h"
 
 struct SessionOptions {
   double wait = 5;  // seconds
   bool force = false;
 };
 
+/// HubKeeper has ended, or another process has taken its place, since it answered in this session.
+struct HubLost : Failure {
+  using Failure::Failure;
+};
+
 class Session {
  public:
-  /// Never creates a queue: where one is missing, the service has never run, and that is the Failure thrown.
+  /// Never creates a queue; throws a Failure where the inbound one is missing. The other may be: the service makes it anew
+  /// when it sends. Whether this user may send is asked before anything is taken.
   explicit Session(const SessionOptions& options);
 
   /// Seconds to wait for an answer, or for room, where a caller does not ask for another time.
   double wait() const { return patience; }
+
+  /// Bytes of the longest Bundle that kernel, queue and HubKeeper take.
+  std::size_t longestBundle() const;
+
+  /// The process that answered last in this session; 0 where it cannot be told.
+  pid_t hub() const { return hubProcess; }
+
+  /// From now on, put and take throw HubLost as soon as it is not that process any more which serves the queues;
+  /// otherwise that holds for one request, until its answer.
+  void bindHub(bool on) { bound = on; }
 
   std::uint16_t nextTag() { return ++tag == 0 ? ++tag : tag; }
   std::uint16_t currentTag() const { return tag; }
@@ -36,16 +56,27 @@ class Session {
   /// The next message, or nothing when the deadline has passed or Ctrl-C was pressed.
   std::optional<Bytes> take(Clock::time_point deadline);
 
-  /// Takes this session's unread Bundles back, so that nothing is carried out later that nobody waits for, and returns
-  /// what the queues showed before: the sentences that tell why no answer came.
+  /// Takes this session's unread Bundles back, so that nothing is carried out later that nobody waits for; whether there
+  /// were any.
+  bool takeBack();
+
+  /// Whether the last request was taken back, so that nothing on the board has come of it.
+  bool tookBack() const { return taken; }
+
+  /// The same, and returns what the queues showed before: the sentences that tell why no answer came.
   [[nodiscard]] std::string giveUp();
 
  private:
-  bool takeBack();
+  void requireHub(bool answered);
+  std::optional<Bytes> receive(long milliseconds);
 
   hubkeeper_handle inboundHandle;
   hubkeeper_handle ridgelinkHandle;
+  Turn turn;
   std::size_t longest;  // bytes that the kernel allows in one message
   std::uint16_t tag;
   double patience;
+  pid_t hubProcess = 0;
+  bool bound = false;
+  bool taken = false;
 };

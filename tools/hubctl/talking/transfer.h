@@ -1,5 +1,7 @@
-// A file to the board: checked before, because a target that cannot be opened ends the service; paced by the bounces,
-// because a full queue would refuse a Bundle; summed up afterwards, because nothing else notices a full disk.
+// A file to the board. A target that stands there is renamed aside for as long as the transfer takes; at its end it is
+// removed, or it is renamed back, whatever has ended the transfer. What stands beside the target says which: TARGET.hubctl-old
+// is the old file, TARGET.hubctl-new says that there was none. What a killed process leaves so, the next transfer to that
+// target puts in order first.
 #pragma once
 
 #include <cstddef>
@@ -17,11 +19,25 @@ struct Sum {
   std::string sha256;  // empty where sha256sum is missing
 };
 
-/// Throws a Failure that tells why HubKeeper could not open `target`, an absolute path, for writing.
-void checkTarget(Session& session, const std::string& target);
+struct Order {
+  std::FILE* file;
+  std::uint64_t size;  // as far as it can be told before
+  std::string target;  // an absolute path on the board
+  std::string mode;    // of a new file, in octal; empty for the hub's own choice
+  double compareWait;  // seconds to wait for the sum of the whole file
+};
 
-/// Sends the `size` bytes of `file`. Throws a Failure when it is interrupted; the transfer is ended all the same.
-void transfer(Session& session, const std::string& target, std::FILE* file, std::uint64_t size);
+struct Result {
+  Sum here;  // of what was sent
+  Sum board;
+  double seconds;  // without the comparison
+  bool unsummed() const { return here.sha256.empty() || board.sha256.empty(); }
+  std::string complaint;  // what could not be carried over from the old file; mostly empty
+};
 
-/// Size and SHA-256 of `target` as it is on the board. A long file takes a while, so it waits for a minute at least.
-Sum sumOnBoard(Session& session, const std::string& target);
+/// Sends the file and compares. Throws a Failure, whose last sentence tells what now stands at the target, when the target
+/// cannot be written, an earlier transfer stands open, it is interrupted, HubKeeper ends or size or sum differ.
+Result transfer(Session& session, const Order& order);
+
+/// Size and SHA-256 of a file on the board, and its path without links; throws a Failure when it is none.
+Sum sumOnBoard(Session& session, const std::string& file, double wait, std::string& path);
