@@ -17,6 +17,7 @@ os.umask(0o022)
 os.environ["PATH"] = "/usr/local/bin:/usr/bin:/bin"
 os.environ.pop("NO_COLOR", None)
 SANITIZED = "SANITIZED" in os.environ  # its memory is its own
+EXTRA_THREAD = os.environ.get("SANITIZED") == "thread"  # so hubctl takes another one for that which runs commands
 
 
 def until(holds, *arguments):

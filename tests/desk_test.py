@@ -3,7 +3,7 @@ import contextlib, json, os, pathlib, random, re, shutil, signal, subprocess, sy
 
 import pytest
 import sysv_ipc
-from board import KEYS, PATIENCE, TOP, Hub, put, queue, shell, take, text, until
+from board import EXTRA_THREAD, KEYS, PATIENCE, TOP, Hub, put, queue, shell, take, text, until
 from hubctl_test import play, see, start
 
 LOG = pathlib.Path("/media/data/messages.log")
@@ -260,6 +260,8 @@ def test_alert_rules():
 
 @pytest.mark.parametrize("due, step, prepare, harm", TROUBLES, ids=[row[0] or "well" for row in TROUBLES])
 def test_status_names_the_trouble(due, step, prepare, harm):
+    if EXTRA_THREAD and due == "hub-busy note":
+        pytest.skip("the sanitizer's thread stands where the one with the command would")
     with contextlib.ExitStack() as left:
         board = Board(prepare, left)
         if harm:

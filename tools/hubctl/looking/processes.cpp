@@ -20,7 +20,7 @@
 
 namespace {
 
-// The numeric entries of a directory of /proc, as far as they can be seen.
+// The numeric entries of a directory of /proc in its order, as far as they can be seen.
 std::vector<pid_t> idsIn(const std::string& directory) {
   std::vector<pid_t> ids;
   std::error_code gone;
@@ -64,9 +64,9 @@ std::time_t startSeconds(pid_t id) {
 }
 
 // The children of the thread that was started second; nothing where the kernel does not tell, or there is no such thread.
+// The kernel lists threads in the order of their start. Their numbers begin anew at pid_max.
 std::optional<std::set<pid_t>> commandsOf(pid_t hub) {
-  std::vector<pid_t> threads = idsIn(fmt::format("/proc/{}/task", hub));
-  std::sort(threads.begin(), threads.end());
+  const std::vector<pid_t> threads = idsIn(fmt::format("/proc/{}/task", hub));
   if (threads.size() < 2) return std::nullopt;
   std::ifstream file(fmt::format("/proc/{}/task/{}/children", hub, threads[1]));
   if (!file) return std::nullopt;

@@ -17,6 +17,7 @@
 #include "looking/readers.h"
 #include "showing/terminal.h"
 #include "showing/text.h"
+#include "talking/turn.h"
 
 namespace {
 
@@ -78,10 +79,10 @@ hubkeeper_handle openInbound() {
 Session::Session(const SessionOptions& options)
     : inboundHandle(openInbound()),
       ridgelinkHandle{ridgelink.key, -1},
-      turn(options.wait),
       longest(longestMessage()),
-      tag(firstTag()),
       patience(options.wait) {
+  takeTurn(options.wait);
+  tag = firstTag();
   awaitExit();
   refuseBesideReader(ridgelink, options.force);
   std::uint64_t leftovers = 0;

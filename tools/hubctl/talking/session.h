@@ -14,7 +14,6 @@
 #include "base/failure.h"
 #include "base/pieces.h"
 #include "hubkeeper/queue.h"
-#include "talking/turn.h"
 
 struct SessionOptions {
   double wait = 5;  // seconds
@@ -72,9 +71,8 @@ class Session {
 
   hubkeeper_handle inboundHandle;
   hubkeeper_handle ridgelinkHandle;
-  Turn turn;
   std::size_t longest;  // bytes that the kernel allows in one message
-  std::uint16_t tag;
+  std::uint16_t tag = 0;
   double patience;
   pid_t hubProcess = 0;
   bool bound = false;

@@ -45,7 +45,8 @@ std::string named(pid_t other) { return "another hubctl" + (other > 0 ? fmt::for
 
 }  // namespace
 
-Turn::Turn(double patience) : descriptor(openLock()) {
+void takeTurn(double patience) {
+  const int descriptor = openLock();
   if (descriptor == -1) return;
   const Clock::time_point deadline = after(patience);
   pid_t told = 0;
@@ -58,8 +59,4 @@ Turn::Turn(double patience) : descriptor(openLock()) {
     told = other;
     nap(0.02);
   }
-}
-
-Turn::~Turn() {
-  if (descriptor != -1) close(descriptor);
 }

@@ -2,15 +2,6 @@
 // on a file of root's in /run, one for each IPC namespace, or a user who may not open it on the namespace. Source: fcntl(2).
 #pragma once
 
-class Turn {
- public:
-  /// Waits until no other session has the lock, with a sentence that tells so, and throws a Failure after `patience`
-  /// seconds.
-  explicit Turn(double patience);
-  ~Turn();
-  Turn(const Turn&) = delete;
-  Turn& operator=(const Turn&) = delete;
-
- private:
-  int descriptor;
-};
+/// Waits until no other process has the turn, with a sentence that tells so, and throws a Failure after `patience` seconds. The
+/// turn is this process's until its end: as long as it lives, the next one would take it for a reader of its own kind.
+void takeTurn(double patience);
