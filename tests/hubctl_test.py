@@ -320,7 +320,7 @@ def test_no_answer(hub):
     until(lambda: "1 answered" in shell("hubctl ping -c 1 -w 1"))
     long = start("run", "-w", "0.1", "echo " + "x" * 90000)
     until(lambda: shell("ls /tmp/hubctl.*")), hub.stop(), long.wait(), hub.go_on()
-    until(lambda: shell("ls /tmp/hubctl.*") == ""), hub.stop()
+    until(lambda: shell("ls /tmp/hubctl.*") == "" and waiting("I") == 0), hub.stop()
     play(r"""
 255 | no answer within 0.1 s.*holds 1 message, .*is stopped by a signal.*taken back | hubctl run -w 0.1 touch /tmp/late
 1 | 2 heartbeats, 0 answered, 2 lost | hubctl ping -c 2 -w 0.1 -i 0
