@@ -76,6 +76,15 @@ def take(letter, count=0):
     return taken
 
 
+@contextlib.contextmanager
+def mounted(options, where):
+    assert shell(f"mount -t tmpfs -o {options} none {where} || echo refused") == ""
+    try:
+        yield
+    finally:
+        shell(f"umount -l {where}")
+
+
 def clear_processes():
     """Ends all others of the sandbox."""
     for process in map(int, filter(str.isdigit, os.listdir("/proc"))):

@@ -6,7 +6,7 @@ import contextlib, ctypes, glob, os, time
 from resource import RLIMIT_AS, RLIMIT_NOFILE, prlimit
 
 import pytest, sysv_ipc
-from board import KEYS, Hub, put, queue, shell, take, text, until
+from board import KEYS, Hub, mounted, put, queue, shell, take, text, until
 
 REQUESTS = {"N": "01", "C": "20", "L": "30", "S": "72", "R": "04"}
 PTRACE_ATTACH, PTRACE_DETACH, WALL = 16, 17, 0x40000000
@@ -35,15 +35,6 @@ def harm(*rows, long=()):
         marks = [pytest.param(row, id=" ".join(map(str, row)) or "-") for row in rows or [()]]
         return pytest.mark.parametrize("row", marks + [pytest.param(row, id=str(row[0]), marks=pytest.mark.long) for row in long])(test)
     return bind
-
-
-@contextlib.contextmanager
-def mounted(options, where):
-    assert shell(f"mount -t tmpfs -o {options} none {where} || echo refused") == ""
-    try:
-        yield
-    finally:
-        shell(f"umount -l {where}")
 
 
 @harm(*KEYS)
