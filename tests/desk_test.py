@@ -183,6 +183,7 @@ class Board:
     def off(self):
         """Lines that a command forges change nothing, also where they look like a new start."""
         put(text("75"))
+        self.end("C")  # as the service has it killed, which looks for its name
         put(text(f'63"true\\0aINFO {AT}0 HubKeeper version: 9 \\0aINFO {AT}0 Clocksteward application has been enabled \\00"'))
         put(text('63"true' + f"\\0aERROR {AT}0 HubKeeper: service /usr/local/bin/netsteward has stopped running " * 3 + '\\00"'))
 
