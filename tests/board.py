@@ -100,7 +100,8 @@ def clear():
         shell(f"ipcrm -q {row.split()[1]}")
     for name, value in LIMITS.items():
         pathlib.Path("/proc/sys/kernel", name).write_text(value)
-    shell("umount /tmp/on /media/data; rm -rf /tmp/* /run/* /opt /usr/local/bin/* /etc/qd /etc/build-version /etc/os-release"
+    shell("test -h /media/data && rm /media/data;"  # or the small disk that it leads to would be unmounted
+          "umount /tmp/on /media/data; rm -rf /tmp/* /run/* /opt /usr/local/bin/* /etc/qd /etc/build-version /etc/os-release"
           " /media/small/* /media/data /var/staging; mkdir -p /etc/qd /media/data /var/staging;"
           # Without it the shell would complain, in pieces, between the lines of others.
           "printf '#!/bin/sh\n' >/usr/local/bin/fw_printenv; chmod +x /usr/local/bin/fw_printenv")

@@ -140,7 +140,7 @@ WATCHED = ("netsteward", "clocksteward")
 CONFIG = pathlib.Path("/etc/qd/svcmanager.conf")
 ENTRIES = "".join(f"service=/usr/local/bin/{name}\n" for name in WATCHED)
 READER = "import sys, sysv_ipc; queue = sysv_ipc.MessageQueue(int(sys.argv[1]))\nwhile queue.receive(): pass"
-TOOL = shutil.which("promtool", path=f"{os.environ['PATH']}:{TOP}/.cache/promtool/usr/bin")
+TOOL = shutil.which("promtool", path=f"{os.environ['PATH']}:{TOP}/.cache/prometheus/usr/bin")
 ALL_USERS = open("/proc/self/uid_map").read().split()[2] != "1"
 
 
@@ -162,7 +162,7 @@ class Board:
         until(lambda: all(who["waiting"] and (who["reader"] or who["name"] == "stagehand") for who in self.status()[1]["queues"]))
 
     def run(self, left, *words):
-        process = left.enter_context(subprocess.Popen(words))
+        process = left.enter_context(subprocess.Popen(words, stderr=subprocess.DEVNULL))  # a reader complains when its queue goes
         left.callback(process.kill)
         return process
 
@@ -183,6 +183,7 @@ class Board:
     def off(self):
         """Lines that a command forges change nothing, also where they look like a new start."""
         put(text("75"))
+        self.end("C")  # as the service has it killed, which looks for its name
         put(text(f'63"true\\0aINFO {AT}0 HubKeeper version: 9 \\0aINFO {AT}0 Clocksteward application has been enabled \\00"'))
         put(text('63"true' + f"\\0aERROR {AT}0 HubKeeper: service /usr/local/bin/netsteward has stopped running " * 3 + '\\00"'))
 
@@ -251,7 +252,7 @@ def test_who_sees_less():
 
 def test_alert_rules():
     if not TOOL:
-        pytest.skip("no promtool: scripts/promtool fetches it")
+        pytest.skip("no promtool: scripts/prometheus promtool fetches it")
     assert "SUCCESS" in shell(f"cd {TOP}/packaging/fleet && {TOOL} test rules hubkeeper.test.yml")
     known = set(re.findall(r'"([a-z_]+)", "(?:gauge|counter)"', (TOP / "tools/hubctl/commands/metrics.cpp").read_text()))
     used = set(re.findall(r"\bhubkeeper_([a-z_]+)", (TOP / "packaging/fleet/hubkeeper.rules.yml").read_text()))

@@ -298,16 +298,19 @@ def test_whose_number_it_is(hub):
     Peer("netsteward")
 
 
-def test_watching(hub):
+@pytest.mark.parametrize("what, wide, narrow", [  # the titles of queues are 79 columns wide, and nothing of them is erased
+    ("queues", rb"LAST RECEIVER.*ridgelink.*\[\.*\]", rb"LAST RECEIVER   IDLE(\x1b\[0m)?\x1b\[4;1H((?!\.\.\.).)*ridgelink"),
+    ("status", rb"such file or directory.*ridgelink", rb"such\x1b\[K\x1b\[5;1H  file or directory((?!\x1b\[25;).)*ridgelink")])
+def test_watching(hub, what, wide, narrow):
     """On a terminal: a screen of its own, which follows the terminal's size at once and is left in the end."""
-    line = "stty cols 120; echo $$ >pid; tty >name; exec hubctl queues --watch -i 1000"
+    line = f"stty cols 120; echo $$ >pid; tty >name; exec hubctl {what} --watch -i 1000"
     watching = subprocess.Popen(["script", "-qfc", line, "screen"], cwd="/tmp", stdin=subprocess.DEVNULL, stdout=subprocess.DEVNULL)
 
     def until_seen(wanted):
         until(lambda: os.path.exists("/tmp/screen") and re.search(wanted, pathlib.Path("/tmp/screen").read_bytes(), re.S))
-    until_seen(rb"\x1b\[\?1049h.*LAST RECEIVER.*ridgelink.*\[\.*\]")
-    shell("stty cols 79 <$(cat /tmp/name)")  # the titles are as wide, and nothing of them is erased
-    until_seen(rb"\x1b\[2J.*\x1b\[2J.*LAST RECEIVER   IDLE(\x1b\[0m)?\x1b\[4;1H((?!\.\.\.).)*ridgelink")
+    until_seen(rb"\x1b\[\?1049h.*" + wide)
+    shell("stty cols 79 rows 24 <$(cat /tmp/name)")
+    until_seen(rb"\x1b\[2J.*\x1b\[2J.*" + narrow)
     shell("kill -INT $(cat /tmp/pid)"), until_seen(rb"\x1b\[\?1049l"), watching.wait()
 
 

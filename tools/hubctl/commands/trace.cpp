@@ -104,7 +104,7 @@ class Output {
 
   void sumUp(std::int64_t now, bool last) {
     if (options.json) return printJson(stats.json(now, last));
-    if (terminalWidth() > 0) print("\033[H\033[2J");
+    if (terminalWidth() > 0 && options.read.empty()) print("\033[H\033[2J");  // a recording has one, and erases nothing
     stats.print(now, last);
     if (terminalWidth() == 0 && !last) print("\n");
   }

@@ -265,6 +265,10 @@ bool isOfHub(const Facts& board, const QueueFacts& q) {
 
 bool isForeign(const Facts& board, uid_t user) { return user != 0 && (!lives(board) || user != board.hub.user); }
 
+bool isSwitchedOff(const Facts& board, const QueueFacts& q) {
+  return std::strcmp(q.queue->name, "clocksteward") == 0 && clockstewardOff(board);
+}
+
 std::string peerStep(const Facts& board, const QueueFacts& q) {
   if (*q.queue == inbound && board.hub.state.command) return endCommand(board);
   if (*q.queue == inbound && is(board, Doing::stopped))
@@ -274,7 +278,7 @@ std::string peerStep(const Facts& board, const QueueFacts& q) {
   if (reader != nullptr && reader->stopped) return fmt::format("kill -CONT {}", reader->id);
   if (reader != nullptr) return fmt::format("kill {}, and start {} again", reader->id, q.queue->to);
   if (*q.queue == ridgelink) return "start Ridgelink; hubctl queues --watch shows whether it drains its queue";
-  if (std::strcmp(q.queue->name, "clocksteward") == 0 && clockstewardOff(board)) return "hubctl clocksteward on";
+  if (isSwitchedOff(board, q)) return "hubctl clocksteward on";
   if (const ServiceFacts* watched = watchedAs(board, q)) {
     if (!watched->processes.empty()) {
       return fmt::format("{} runs and does not read: kill {}, and HubKeeper restarts it", harmless(watched->name),
@@ -325,7 +329,7 @@ const Row<QueueFacts> queueRows[] = {
      peerStep},
     {"peer-gone", Grade::trouble,
      [](const Facts& b, const QueueFacts& q) {
-       return isGone(q) && !isFull(q) && !isOfHub(b, q) && !(*q.queue == inbound);
+       return isGone(q) && !isFull(q) && !isOfHub(b, q) && !isSwitchedOff(b, q) && !(*q.queue == inbound);
      },
      sayGone, peerStep},
     {"not-drained", Grade::trouble,
