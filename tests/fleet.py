@@ -78,7 +78,8 @@ def watch_evaluations(count):
 
 
 def start(left, *words):
-    process = left.enter_context(subprocess.Popen([TOP / "scripts/prometheus", *words], stdout=sys.stderr, stderr=(WORK / "said").open("a")))
+    said = left.enter_context((WORK / "said").open("a"))
+    process = left.enter_context(subprocess.Popen([TOP / "scripts/prometheus", *words], stdout=said, stderr=said))
     left.callback(process.terminate)
 
 
