@@ -226,6 +226,26 @@ def test_broken_transfers(hub, old):
     assert sum("Tried to write bad" in line for line in hub.console()) < 5 and os.listdir("/opt") == ["target"]
 
 
+def test_a_shell_that_outlives_its_hub(hub):
+    """It prints into no later reply, and leaves alone what a later transfer has put aside."""
+    target, slow = pathlib.Path("/opt/target"), pathlib.Path("/usr/local/bin/sha256sum")
+    wait = "touch /tmp/on; until [ -e /tmp/off ]; do sleep 0.01; done"
+    slow.write_text(f"#!/bin/sh\ncase $(readlink /proc/self/fd/0) in /opt/*) {wait};; esac\nexec /usr/bin/sha256sum"), slow.chmod(0o755)
+    pathlib.Path("/tmp/much").write_bytes(b""), os.truncate("/tmp/much", 60_000_000), target.write_bytes(OLD)
+
+    def outlived(*words):
+        talk = start(*words)
+        until(os.path.exists, "/tmp/on"), hub.process.kill(), hub.wait(), hub.launch(False), os.remove("/tmp/on")
+        return talk.communicate()[0]
+    assert "has ended meanwhile" in outlived("run", f"{wait}; echo late")
+    see(0, r"(^|\n)end\nexit status 0[^\n]*\n$", "hubctl run 'touch /tmp/off; while ps -eo args | grep -q \"[u]ntil\"; do :; done; rm /tmp/off; echo end'")
+    assert "is again what it was before" in outlived("send", "/tmp/1", "/opt/target")
+    sender = begin()
+    hub.stop(), pathlib.Path("/tmp/off").touch(), until(lambda: "wc -c" not in shell("ps -eo args"))
+    sender.send_signal(signal.SIGINT), hub.go_on()
+    assert "is again what it was before" in sender.communicate()[0] and target.read_bytes() == OLD
+
+
 def test_any_bytes_and_views(hub):
     play(r"""
 0 | MS .* 1 +04 heartbeat +bounce.* 512 +7  80 heartbeat reply +.*507 times | hubctl raw -w 0.5 05:00,07 00 04

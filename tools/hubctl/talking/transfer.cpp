@@ -63,13 +63,16 @@ constexpr const char* putBack =
 
 // Size and sum first. Only when they are right the old file goes, behind its owner and mode; then the second line says so.
 constexpr const char* compareAndKeep =
-    "a=$r.hubctl-; n=$(wc -c <\"$r\"); h=$(sha256sum <\"$r\" 2>/dev/null); h=${h%% *}; echo $n $h; "
+    "a=$r.hubctl-; n=$(wc -c <\"$r\"); h=$(sha256sum <\"$r\" 2>/dev/null); h=${h%% *}; "
+    "kill -0 $PPID 2>/dev/null || exit; echo $n $h; "
     "if [ $n = $s ] && { [ -z \"$h\" ] || [ -z \"$w\" ] || [ $h = $w ]; }; then "
     "c=$({ [ ! -f \"${a}old\" ] || { chown $(stat -c %u:%g \"${a}old\") \"$r\" && chmod $(stat -c %a \"${a}old\") "
     "\"$r\"; }; } "
     "2>&1); rm -f \"${a}old\" \"${a}new\" && echo kept && printf %s \"$c\"; fi";
 
-constexpr const char* sumUp = "[ ! -f \"$r\" ] || echo $(wc -c <\"$r\") $(sha256sum <\"$r\" 2>/dev/null)";
+constexpr const char* sumUp =
+    "[ ! -f \"$r\" ] || { s=\"$(wc -c <\"$r\") $(sha256sum <\"$r\" 2>/dev/null)\"; kill -0 $PPID 2>/dev/null && echo "
+    "$s; }";
 
 std::string withPath(const std::string& path, const std::string& script) {
   return fmt::format("r={}; {}", shellQuote(path), script);
