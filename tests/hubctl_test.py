@@ -227,23 +227,33 @@ def test_broken_transfers(hub, old):
 
 
 def test_a_shell_that_outlives_its_hub(hub):
-    """It prints into no later reply, and leaves alone what a later transfer has put aside."""
-    target, slow = pathlib.Path("/opt/target"), pathlib.Path("/usr/local/bin/sha256sum")
+    """It prints into no later reply, and leaves alone what a later transfer has put aside or back."""
+    target, off = pathlib.Path("/opt/target"), pathlib.Path("/tmp/off")
     wait = "touch /tmp/on; until [ -e /tmp/off ]; do sleep 0.01; done"
-    slow.write_text(f"#!/bin/sh\ncase $(readlink /proc/self/fd/0) in /opt/*) {wait};; esac\nexec /usr/bin/sha256sum"), slow.chmod(0o755)
     pathlib.Path("/tmp/much").write_bytes(b""), os.truncate("/tmp/much", 60_000_000), target.write_bytes(OLD)
 
     def outlived(*words):
         talk = start(*words)
         until(os.path.exists, "/tmp/on"), hub.process.kill(), hub.wait(), hub.launch(False), os.remove("/tmp/on")
         return talk.communicate()[0]
+
+    def let_go(word):
+        off.touch(), until(lambda: word not in shell("ps -eo args")), off.unlink()
     assert "has ended meanwhile" in outlived("run", f"{wait}; echo late")
-    see(0, r"(^|\n)end\nexit status 0[^\n]*\n$", "hubctl run 'touch /tmp/off; while ps -eo args | grep -q \"[u]ntil\"; do :; done; rm /tmp/off; echo end'")
-    assert "is again what it was before" in outlived("send", "/tmp/1", "/opt/target")
-    sender = begin()
-    hub.stop(), pathlib.Path("/tmp/off").touch(), until(lambda: "wc -c" not in shell("ps -eo args"))
-    sender.send_signal(signal.SIGINT), hub.go_on()
-    assert "is again what it was before" in sender.communicate()[0] and target.read_bytes() == OLD
+    see(0, r"(^|\n)end\nexit status 0[^\n]*\n$", "hubctl run 'touch /tmp/off; while ps -eo args | grep -q \"[u]ntil\"; do :; done; echo end'")
+    for tool, when, word, said in (("sha256sum", "readlink /proc/self/fd/0 | grep -q ^/opt", "wc -c", "is again what it was before"),
+                                   ("stat", "[ -e /opt/target.hubctl-old ]", "chmod $m", "is again what it was before"),
+                                   ("mv", "true", "chmod $m", "was not touched")):
+        off.unlink(missing_ok=True), (slow := pathlib.Path("/usr/local/bin", tool)).write_text(f'#!/bin/sh\n! {when} || {{ {wait}; }}\nexec /usr/bin/{tool} "$@"')
+        slow.chmod(0o755)
+        assert said in outlived("send", "/tmp/1", "/opt/target")
+        slow.unlink()
+        if tool == "stat":  # goes on between two transfers, the others beside the next one
+            let_go(word)
+        assert target.read_bytes() == OLD
+        sender = begin()
+        hub.stop(), let_go(word), sender.send_signal(signal.SIGINT), hub.go_on()
+        assert "is again what it was before" in sender.communicate()[0] and target.read_bytes() == OLD and os.listdir("/opt") == ["target"]
 
 
 def test_any_bytes_and_views(hub):

@@ -51,15 +51,20 @@ constexpr const char* measure =
     "stat -c '%d %i' \"$r\" 2>/dev/null || echo none; df -Pk \"${r%/*}/\" | sed -n '$s/.* \\([0-9][0-9]*\\)  *[0-9]*% "
     ".*/\\1/p'";
 
-constexpr const char* putAside =
-    "a=$r.hubctl-; if [ -e \"$r\" ]; then mv \"$r\" \"${a}old\" && { m=$(stat -c %a \"${a}old\" 2>/dev/null) || :; }; "
-    "else (: >\"${a}new\"); fi && (: >\"$r\") && { [ -z \"$m\" ] || chmod $m \"$r\"; } && echo ok";
-
 // Where another process left things so, $k is set, and what it has written of a new file stays: it may be somebody's by now.
 constexpr const char* putBack =
     "[ \"$o\" ] && echo open; a=$r.hubctl-; if [ -f \"${a}old\" ]; then mv -f \"${a}old\" \"$r\" && echo old; "
     "elif [ -f \"${a}new\" ]; then { [ \"$k\" ] || rm -f \"$r\"; } && rm -f \"${a}new\" && echo new; else echo none; "
     "fi";
+
+// A shell whose HubKeeper has ended meanwhile may be overtaken by the putting back, and by a next transfer: it overwrites nothing,
+// and puts back itself what it has put aside.
+constexpr const char* putAside =
+    "a=$r.hubctl-; if [ -e \"$r\" ]; then mv -n \"$r\" \"${a}old\" && { m=$(stat -c %a \"${a}old\" 2>/dev/null) || :; "
+    "}; "
+    "else (: >\"${a}new\"); fi && (set -C; : >\"$r\") && { [ -z \"$m\" ] || chmod $m \"$r\"; } && "
+    "{ kill -0 $PPID 2>/dev/null || { ";
+constexpr const char* putAsideEnd = "; exit; } >/dev/null 2>&1; echo ok; }";
 
 // Size and sum first. Only when they are right the old file goes, behind its owner and mode; then the second line says so.
 constexpr const char* compareAndKeep =
@@ -191,7 +196,8 @@ void Transfer::requireRoom(const std::string& kilobytes) {
 }
 
 void Transfer::begin() {
-  const std::string answer = runScript(session, fmt::format("m={}; ", order.mode) + withPath(path, putAside));
+  const std::string script = std::string(putAside) + putBack + putAsideEnd;
+  const std::string answer = runScript(session, fmt::format("m={}; ", order.mode) + withPath(path, script));
   if (lastLine(answer) != "ok") refuse(answer.empty() ? "it cannot be opened" : lastLine(answer));
   Bytes name(order.target.begin() + 1, order.target.end());
   name.push_back(0);  // the service drops the last byte
@@ -236,8 +242,9 @@ void Transfer::compare(Result& result) {
                               result.board.bytes, result.here.bytes));
   }
   if (!result.unsummed() && result.board.sha256 != result.here.sha256) {
-    throw Failure(fmt::format("{} differs on the board: SHA-256 {} instead of {}", order.target, result.board.sha256,
-                              result.here.sha256));
+    throw Failure(
+        fmt::format("{} differs on the board: SHA-256 {} instead of {}; the file may have been written to meanwhile",
+                    order.target, result.board.sha256, result.here.sha256));
   }
   if (firstLine(result.complaint) != "kept") throw Failure("the board's shell was ended before all was in order");
 }
