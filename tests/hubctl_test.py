@@ -190,6 +190,13 @@ def test_refused_transfers(hub):
     for size, status in ((900, 1), (2000, 0)):
         queue("I").max_size = size
         see(status, "room for 900 bytes only|are the same", f"hubctl send /tmp/8187 /opt/{('good', 'small')[size > 900]}")
+    slow = pathlib.Path("/usr/local/bin/mv")  # somebody else begins one behind the look
+    slow.write_text('#!/bin/sh\ntouch /tmp/on; until [ -e /tmp/off ]; do sleep 0.01; done; exec /usr/bin/mv "$@"'), slow.chmod(0o755)
+    sender = start("send", "/tmp/1", "/opt/good")
+    until(os.path.exists, "/tmp/on"), put(texts('70"opt/theirs\\00"')[0]), pathlib.Path("/tmp/off").touch()
+    assert re.search("has not begun.*again what it was", sender.communicate()[0], re.S)
+    put(b"".join(texts('71"all of it" 72')))
+    until(lambda: pathlib.Path("/opt/theirs").read_bytes() == b"all of it")
     assert all(pathlib.Path("/opt", name).read_bytes() == OLD for name in ("good", "self"))
 
 

@@ -52,8 +52,10 @@ constexpr const char* measure =
     ".*/\\1/p'";
 
 // Where another process left things so, $k is set, and what it has written of a new file stays: it may be somebody's by now.
+// A transfer that stands open is ours when it is known to have begun, $b, or is that of this target.
 constexpr const char* putBack =
-    "[ \"$o\" ] && echo open; a=$r.hubctl-; if [ -f \"${a}old\" ]; then mv -f \"${a}old\" \"$r\" && echo old; "
+    "[ \"$o\" ] && { [ \"$b\" ] || [ \"$o\" -ef \"$r\" ]; } && echo open; a=$r.hubctl-; if [ -f \"${a}old\" ]; then mv "
+    "-f \"${a}old\" \"$r\" && echo old; "
     "elif [ -f \"${a}new\" ]; then { [ \"$k\" ] || rm -f \"$r\"; } && rm -f \"${a}new\" && echo new; else echo none; "
     "fi";
 
@@ -126,7 +128,8 @@ class Transfer {
 
  private:
   [[noreturn]] void refuse(const std::string& why) {
-    throw Failure(fmt::format("cannot send to {}: {}", order.target, why));
+    throw Failure(
+        fmt::format("cannot send to {}: {}", order.target, why.empty() ? "the board's shell was ended" : why));
   }
 
   void lookFirst();
@@ -142,6 +145,7 @@ class Transfer {
   Session& session;
   const Order& order;
   std::string path;  // of the target, without links
+  bool begun = false;
   bool finishing = false;
 };
 
@@ -150,7 +154,7 @@ void Transfer::lookFirst() {
     prepare();
   } catch (const Failure& trouble) {
     if (!interrupted()) throw;
-    throw Failure(fmt::format("{}\n{} was not touched", trouble.what(), order.target));
+    throw Failure(fmt::format("{}\nnothing was sent to {}", trouble.what(), order.target));
   }
 }
 
@@ -204,7 +208,8 @@ void Transfer::begin() {
   sendPacket(session, HUBKEEPER_OPCODE_TRANSFER_START, name);
   awaitBounce(session, HUBKEEPER_OPCODE_TRANSFER_START);
   session.bindHub(true);
-  if (runScript(session, withPath(path, findOpen) + "[ \"$o\" -ef \"$r\" ] && echo begun") == "begun\n") return;
+  begun = runScript(session, withPath(path, findOpen) + "[ \"$o\" -ef \"$r\" ] && echo begun") == "begun\n";
+  if (begun) return;
   throw Failure(
       fmt::format("HubKeeper has not begun this transfer: its log tells why\n"
                   "if an earlier one stands open, end it with: {}",
@@ -251,7 +256,6 @@ void Transfer::compare(Result& result) {
 
 // Ends the transfer if it stands open, and tells the state of the target. What HubKeeper has not read yet it need not read.
 std::string Transfer::undo() {
-  const Shield shield;
   session.bindHub(false);
   session.takeBack();
   try {
@@ -276,7 +280,9 @@ std::string Transfer::undo() {
 }
 
 std::string Transfer::putInOrder(const std::string& settings) {
-  const std::string answer = runScript(session, settings + withPath(path, std::string(findOpen) + putBack));
+  const Shield shield;
+  const std::string answer =
+      runScript(session, settings + (begun ? "b=1; " : "") + withPath(path, std::string(findOpen) + putBack));
   if (answer.find("open\n") != std::string::npos) {
     sendPacket(session, HUBKEEPER_OPCODE_TRANSFER_END);
     awaitBounce(session, HUBKEEPER_OPCODE_TRANSFER_END);
