@@ -190,6 +190,13 @@ def test_refused_transfers(hub):
     for size, status in ((900, 1), (2000, 0)):
         queue("I").max_size = size
         see(status, "room for 900 bytes only|are the same", f"hubctl send /tmp/8187 /opt/{('good', 'small')[size > 900]}")
+    slow = pathlib.Path("/usr/local/bin/mv")  # somebody else begins one behind the look
+    slow.write_text('#!/bin/sh\ntouch /tmp/on; until [ -e /tmp/off ]; do sleep 0.01; done; exec /usr/bin/mv "$@"'), slow.chmod(0o755)
+    sender = start("send", "/tmp/1", "/opt/good")
+    until(os.path.exists, "/tmp/on"), put(texts('70"opt/theirs\\00"')[0]), pathlib.Path("/tmp/off").touch()
+    assert re.search("has not begun.*again what it was", sender.communicate()[0], re.S)
+    put(b"".join(texts('71"all of it" 72')))
+    until(lambda: pathlib.Path("/opt/theirs").read_bytes() == b"all of it")
     assert all(pathlib.Path("/opt", name).read_bytes() == OLD for name in ("good", "self"))
 
 
@@ -226,6 +233,36 @@ def test_broken_transfers(hub, old):
     assert sum("Tried to write bad" in line for line in hub.console()) < 5 and os.listdir("/opt") == ["target"]
 
 
+def test_a_shell_that_outlives_its_hub(hub):
+    """It prints into no later reply, and leaves alone what a later transfer has put aside or back."""
+    target, off = pathlib.Path("/opt/target"), pathlib.Path("/tmp/off")
+    wait = "touch /tmp/on; until [ -e /tmp/off ]; do sleep 0.01; done"
+    pathlib.Path("/tmp/much").write_bytes(b""), os.truncate("/tmp/much", 60_000_000), target.write_bytes(OLD)
+
+    def outlived(*words):
+        talk = start(*words)
+        until(os.path.exists, "/tmp/on"), hub.process.kill(), hub.wait(), hub.launch(False), os.remove("/tmp/on")
+        return talk.communicate()[0]
+
+    def let_go(word):
+        off.touch(), until(lambda: word not in shell("ps -eo args")), off.unlink()
+    assert "has ended meanwhile" in outlived("run", f"{wait}; echo late")
+    see(0, r"(^|\n)end\nexit status 0[^\n]*\n$", "hubctl run 'touch /tmp/off; while ps -eo args | grep -q \"[u]ntil\"; do :; done; echo end'")
+    for tool, when, word, said in (("sha256sum", "readlink /proc/self/fd/0 | grep -q ^/opt", "wc -c", "is again what it was before"),
+                                   ("stat", "[ -e /opt/target.hubctl-old ]", "chmod $m", "is again what it was before"),
+                                   ("mv", "true", "chmod $m", "was not touched")):
+        off.unlink(missing_ok=True), (slow := pathlib.Path("/usr/local/bin", tool)).write_text(f'#!/bin/sh\n! {when} || {{ {wait}; }}\nexec /usr/bin/{tool} "$@"')
+        slow.chmod(0o755)
+        assert said in outlived("send", "/tmp/1", "/opt/target")
+        slow.unlink()
+        if tool == "stat":  # goes on between two transfers, the others beside the next one
+            let_go(word)
+        assert target.read_bytes() == OLD
+        sender = begin()
+        hub.stop(), let_go(word), sender.send_signal(signal.SIGINT), hub.go_on()
+        assert "is again what it was before" in sender.communicate()[0] and target.read_bytes() == OLD and os.listdir("/opt") == ["target"]
+
+
 def test_any_bytes_and_views(hub):
     play(r"""
 0 | MS .* 1 +04 heartbeat +bounce.* 512 +7  80 heartbeat reply +.*507 times | hubctl raw -w 0.5 05:00,07 00 04
@@ -259,6 +296,7 @@ def test_one_reader(hub):
         status, pattern = 255 if "run" in words else 1, f"process {readers[0].pid} .* reads queue 1003 .*one reader alone.*--force"
         see(status, pattern, f"hubctl {words}")
     play(rf"""
+1 | /proc cannot be read, so who reads queue 1003 | ulimit -n 4; hubctl ping -c 1
 1 | 1 heartbeat,                                 | hubctl ping -c 1 -w 0.1 --force
 1 | process {readers[1].pid} .* reads queue 1000 | hubctl peers
 """)

@@ -167,10 +167,11 @@ std::optional<Process> deepestChild(pid_t hub) {
 Waiting whoWaits(int queueHandle) {
   Waiting waiting;
   for (const pid_t id : idsIn("/proc")) {
+    waiting.blind = waiting.blind && id != getpid();
     for (const pid_t thread : idsIn(fmt::format("/proc/{}/task", id))) {
       errno = 0;
       std::ifstream call(fmt::format("/proc/{}/task/{}/syscall", id, thread));
-      if (waitsFor(call, queueHandle)) return {livingProcess(id), false};
+      if (waitsFor(call, queueHandle)) return {livingProcess(id), false, false};
       waiting.hidden = waiting.hidden || errno == EACCES || errno == EPERM;
     }
   }

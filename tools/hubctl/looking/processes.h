@@ -53,10 +53,12 @@ std::unordered_map<std::string, std::vector<pid_t>> shownNames();
 /// traffic: others are services that the monitor waits for, or that came to a hub which is process 1.
 std::optional<Process> deepestChild(pid_t hub);
 
-/// Who waits in msgrcv(2) for a message of this queue. `hidden` when this user may not see it of every process.
+/// Who waits in msgrcv(2) for a message of this queue. `hidden` when this user may not see it of every process, `blind` when not
+/// even this process shows: no /proc here, or no descriptor left to read it with.
 struct Waiting {
   std::optional<Process> process;
   bool hidden = false;
+  bool blind = true;
 };
 Waiting whoWaits(int queueHandle);
 

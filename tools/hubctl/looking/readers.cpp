@@ -14,10 +14,11 @@ namespace {
 // What is known of a reader; empty where there is none.
 std::string knownReader(const Queue& queue, const QueueState& state) {
   const std::string name = fmt::format("queue {} ({})", queue.key, queue.name);
-  const auto waiting = whoWaits(state.handle).process;
+  const auto [waiting, hidden, blind] = whoWaits(state.handle);
   if (waiting && waiting->id != getpid()) {
     return fmt::format("process {} ({}) reads {}: it waits for the next message", waiting->id, waiting->name, name);
   }
+  if (blind) return fmt::format("/proc cannot be read, so who reads {} cannot be seen", name);
   const LastUser last = lastUser(state.receiver, state.lastReceive);
   if (last.user == User::unseen) {
     return fmt::format(

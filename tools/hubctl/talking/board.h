@@ -29,7 +29,8 @@ std::string runText(Session& session, const std::string& text, std::optional<dou
 
 /// Has the shell run a list of commands and returns the output of the whole list. One that is longer than a request goes to
 /// the board in pieces first. Throws a Failure where the shell cannot write: HubKeeper then sends an earlier command's output.
-/// `script` is the tool's own, without an unclosed quote; its $PPID is HubKeeper.
+/// `script` is the tool's own, without an unclosed quote; its $PPID is HubKeeper. One that ends leaves its shell running, so behind
+/// what takes long a script asks "kill -0 $PPID": it must neither print into a later reply nor touch what a later transfer put aside.
 std::string runScript(Session& session, const std::string& script, std::optional<double> wait = std::nullopt);
 
 /// Removes a directory of temporaryName()'s, whatever has happened: directly where it is `written` to the end, or by a request,

@@ -60,11 +60,12 @@ Outcome runCommand(Session& session, const std::string& command, double timeout,
   bool ran = false;
   try {
     const std::string reply =
-        runScript(session, fmt::format("t={}/o; {} && {{ {}; echo $o $n $(wc -c <$t) $s{}; }}", kept,
-                                       makeDirectory(kept), running(command, timeout), rest));
+        runScript(session, fmt::format("t={0}/o; {1} && {{ {2}; kill -0 $PPID 2>/dev/null || {{ rm -rf {0}; exit; }}; "
+                                       "echo $o $n $(wc -c <$t) $s{3}; }}",
+                                       kept, makeDirectory(kept), running(command, timeout), rest));
     ran = true;
     readHeader(reply, secondsSince(start), outcome);
-    outcome.output = reply.substr(std::min(reply.size(), reply.find('\n') + 1));
+    outcome.output = reply.substr(std::min(reply.size(), reply.find('\n') + 1), outcome.size);
     const auto sink = [&](std::string_view piece) { outcome.output += piece; };
     if (all) fetchFromBoard(session, kept + "/o", outcome.size, sink);
   } catch (const std::exception&) {

@@ -105,6 +105,9 @@ void Session::requireHub(bool answered) {
   const bool replaced = state && state->sender != old;
   if (!replaced && (answered || livingProcess(old))) return;
   hubProcess = 0;
+  if (replaced && livingProcess(old)) {
+    throw HubLost(fmt::format("process {} sends on queue 1003 beside HubKeeper (process {})", state->sender, old));
+  }
   throw HubLost(replaced ? fmt::format("HubKeeper was started anew meanwhile: process {} took the place of {}",
                                        state->sender, old)
                          : fmt::format("HubKeeper (process {}) has ended meanwhile", old));

@@ -51,25 +51,35 @@ constexpr const char* measure =
     "stat -c '%d %i' \"$r\" 2>/dev/null || echo none; df -Pk \"${r%/*}/\" | sed -n '$s/.* \\([0-9][0-9]*\\)  *[0-9]*% "
     ".*/\\1/p'";
 
-constexpr const char* putAside =
-    "a=$r.hubctl-; if [ -e \"$r\" ]; then mv \"$r\" \"${a}old\" && { m=$(stat -c %a \"${a}old\" 2>/dev/null) || :; }; "
-    "else (: >\"${a}new\"); fi && (: >\"$r\") && { [ -z \"$m\" ] || chmod $m \"$r\"; } && echo ok";
-
 // Where another process left things so, $k is set, and what it has written of a new file stays: it may be somebody's by now.
+// A transfer that stands open is ours when it is known to have begun, $b, or is that of this target.
 constexpr const char* putBack =
-    "[ \"$o\" ] && echo open; a=$r.hubctl-; if [ -f \"${a}old\" ]; then mv -f \"${a}old\" \"$r\" && echo old; "
+    "[ \"$o\" ] && { [ \"$b\" ] || [ \"$o\" -ef \"$r\" ]; } && echo open; a=$r.hubctl-; if [ -f \"${a}old\" ]; then mv "
+    "-f \"${a}old\" \"$r\" && echo old; "
     "elif [ -f \"${a}new\" ]; then { [ \"$k\" ] || rm -f \"$r\"; } && rm -f \"${a}new\" && echo new; else echo none; "
     "fi";
 
+// A shell whose HubKeeper has ended meanwhile may be overtaken by the putting back, and by a next transfer: it overwrites nothing,
+// and puts back itself what it has put aside.
+constexpr const char* putAside =
+    "a=$r.hubctl-; if [ -e \"$r\" ]; then mv -n \"$r\" \"${a}old\" && { m=$(stat -c %a \"${a}old\" 2>/dev/null) || :; "
+    "}; "
+    "else (: >\"${a}new\"); fi && (set -C; : >\"$r\") && { [ -z \"$m\" ] || chmod $m \"$r\"; } && "
+    "{ kill -0 $PPID 2>/dev/null || { ";
+constexpr const char* putAsideEnd = "; exit; } >/dev/null 2>&1; echo ok; }";
+
 // Size and sum first. Only when they are right the old file goes, behind its owner and mode; then the second line says so.
 constexpr const char* compareAndKeep =
-    "a=$r.hubctl-; n=$(wc -c <\"$r\"); h=$(sha256sum <\"$r\" 2>/dev/null); h=${h%% *}; echo $n $h; "
+    "a=$r.hubctl-; n=$(wc -c <\"$r\"); h=$(sha256sum <\"$r\" 2>/dev/null); h=${h%% *}; "
+    "kill -0 $PPID 2>/dev/null || exit; echo $n $h; "
     "if [ $n = $s ] && { [ -z \"$h\" ] || [ -z \"$w\" ] || [ $h = $w ]; }; then "
     "c=$({ [ ! -f \"${a}old\" ] || { chown $(stat -c %u:%g \"${a}old\") \"$r\" && chmod $(stat -c %a \"${a}old\") "
     "\"$r\"; }; } "
     "2>&1); rm -f \"${a}old\" \"${a}new\" && echo kept && printf %s \"$c\"; fi";
 
-constexpr const char* sumUp = "[ ! -f \"$r\" ] || echo $(wc -c <\"$r\") $(sha256sum <\"$r\" 2>/dev/null)";
+constexpr const char* sumUp =
+    "[ ! -f \"$r\" ] || { s=\"$(wc -c <\"$r\") $(sha256sum <\"$r\" 2>/dev/null)\"; kill -0 $PPID 2>/dev/null && echo "
+    "$s; }";
 
 std::string withPath(const std::string& path, const std::string& script) {
   return fmt::format("r={}; {}", shellQuote(path), script);
@@ -118,7 +128,8 @@ class Transfer {
 
  private:
   [[noreturn]] void refuse(const std::string& why) {
-    throw Failure(fmt::format("cannot send to {}: {}", order.target, why));
+    throw Failure(
+        fmt::format("cannot send to {}: {}", order.target, why.empty() ? "the board's shell was ended" : why));
   }
 
   void lookFirst();
@@ -134,6 +145,7 @@ class Transfer {
   Session& session;
   const Order& order;
   std::string path;  // of the target, without links
+  bool begun = false;
   bool finishing = false;
 };
 
@@ -142,7 +154,7 @@ void Transfer::lookFirst() {
     prepare();
   } catch (const Failure& trouble) {
     if (!interrupted()) throw;
-    throw Failure(fmt::format("{}\n{} was not touched", trouble.what(), order.target));
+    throw Failure(fmt::format("{}\nnothing was sent to {}", trouble.what(), order.target));
   }
 }
 
@@ -188,14 +200,16 @@ void Transfer::requireRoom(const std::string& kilobytes) {
 }
 
 void Transfer::begin() {
-  const std::string answer = runScript(session, fmt::format("m={}; ", order.mode) + withPath(path, putAside));
+  const std::string script = std::string(putAside) + putBack + putAsideEnd;
+  const std::string answer = runScript(session, fmt::format("m={}; ", order.mode) + withPath(path, script));
   if (lastLine(answer) != "ok") refuse(answer.empty() ? "it cannot be opened" : lastLine(answer));
   Bytes name(order.target.begin() + 1, order.target.end());
   name.push_back(0);  // the service drops the last byte
   sendPacket(session, HUBKEEPER_OPCODE_TRANSFER_START, name);
   awaitBounce(session, HUBKEEPER_OPCODE_TRANSFER_START);
   session.bindHub(true);
-  if (runScript(session, withPath(path, findOpen) + "[ \"$o\" -ef \"$r\" ] && echo begun") == "begun\n") return;
+  begun = runScript(session, withPath(path, findOpen) + "[ \"$o\" -ef \"$r\" ] && echo begun") == "begun\n";
+  if (begun) return;
   throw Failure(
       fmt::format("HubKeeper has not begun this transfer: its log tells why\n"
                   "if an earlier one stands open, end it with: {}",
@@ -233,15 +247,15 @@ void Transfer::compare(Result& result) {
                               result.board.bytes, result.here.bytes));
   }
   if (!result.unsummed() && result.board.sha256 != result.here.sha256) {
-    throw Failure(fmt::format("{} differs on the board: SHA-256 {} instead of {}", order.target, result.board.sha256,
-                              result.here.sha256));
+    throw Failure(
+        fmt::format("{} differs on the board: SHA-256 {} instead of {}; the file may have been written to meanwhile",
+                    order.target, result.board.sha256, result.here.sha256));
   }
   if (firstLine(result.complaint) != "kept") throw Failure("the board's shell was ended before all was in order");
 }
 
 // Ends the transfer if it stands open, and tells the state of the target. What HubKeeper has not read yet it need not read.
 std::string Transfer::undo() {
-  const Shield shield;
   session.bindHub(false);
   session.takeBack();
   try {
@@ -266,7 +280,9 @@ std::string Transfer::undo() {
 }
 
 std::string Transfer::putInOrder(const std::string& settings) {
-  const std::string answer = runScript(session, settings + withPath(path, std::string(findOpen) + putBack));
+  const Shield shield;
+  const std::string answer =
+      runScript(session, settings + (begun ? "b=1; " : "") + withPath(path, std::string(findOpen) + putBack));
   if (answer.find("open\n") != std::string::npos) {
     sendPacket(session, HUBKEEPER_OPCODE_TRANSFER_END);
     awaitBounce(session, HUBKEEPER_OPCODE_TRANSFER_END);

@@ -22,7 +22,8 @@ int openLock() {
   struct stat space = {}, file = {};
   if (stat("/proc/self/ns/ipc", &space) == -1) return -1;
   const std::string path = fmt::format("/run/hubctl-{}.lock", space.st_ino);
-  const int descriptor = open(path.c_str(), O_RDWR | O_CREAT | O_NOFOLLOW | O_CLOEXEC | O_NONBLOCK, 0600);
+  const int create = geteuid() == 0 ? O_CREAT : 0;  // another's would be in everybody's way
+  const int descriptor = open(path.c_str(), O_RDWR | create | O_NOFOLLOW | O_CLOEXEC | O_NONBLOCK, 0600);
   if (descriptor == -1) return open("/proc/self/ns/ipc", O_RDONLY | O_CLOEXEC);
   if (fstat(descriptor, &file) == 0 && S_ISREG(file.st_mode) && file.st_uid == 0) return descriptor;
   close(descriptor);
