@@ -384,6 +384,7 @@ def test_configurations():
 1 | FILE has no name.*cannot read /etc: Is a directory | hubctl check-config ""; hubctl check-config /etc
 1 | "processes":\[\],"services":\[\],"traps":\[\{"blocks":false,"line":2,"text":".*","unwatched":true\}\] | printf '# x\nservice=/bin/a\n' | hubctl check-config --json /dev/stdin
 1 | line 200000: "/bin/200000" .* no such file.*no service | seq -f 'service=/bin/%.0f' 200000 | hubctl check-config -
+1 | "/tmp/it" is shown by process \d+ now, .* once that has ended: there is no such | cp /usr/bin/sleep it; /tmp/it 9 & until pgrep -x it; do :; done; rm it; echo service=/tmp/it | hubctl check-config -; s=$?; kill $!; exit $s
 0 | watched  /usr/bin/sleep  process \d+     | echo service=/usr/bin/sleep >c; /usr/bin/sleep 9 & until hubctl check-config c | grep process; do :; done; kill $!
 """)
 
@@ -394,10 +395,11 @@ ODD = [form.format(sign) for sign in SIGNS for form in ("/opt/it{}", "{}/opt/it"
     "(%s); :", "if %s; then :; fi", "(%s)", "%s >/dev/null 2>&1", "%s >y\\", "%s && : # x", "exec %s", "exec %s; :", "%s & # x", "%s <",
     "%s a\tb", "a; %s)")]
 NAMES = ["by_path", "none", "kill", "while", "", " /opt/it", "./it", *("/opt/" + "n" * 250 + "/" + "n" * size for size in (250, 255)),
-         *map("/opt/".__add__, "folder script named dash text empty cut link dangling plain none".split())]
+         *map("/opt/".__add__, "folder script named dash text empty cut link dangling plain none below through other login".split())]
 FILES = r"""cd /opt; cp held i; rm -f it\& none; mkdir folder; printf '#!/bin/sh\nread x\n' >script; printf '#!/bin/bash\nexec -a $0 /opt/held\n' >named
     sed s/bash/sh/ named >dash; echo sleep 9 >text; : >empty; head -c 999 held >cut; ln -s it# link
-    ln -s none dangling; cp held plain; cp held /usr/local/bin/by_path; chmod +x *; chmod -x plain"""
+    printf '#!/bin/bash\n: $#; (exec -c \\\n-a "$0" /opt/held)\n' >below; sed '1s/bin.*/usr\/bin\/env sh/' named >through; sed s/-a/-la/ named >login
+    printf '#!/usr/bin/python3\nimport os\nos.execv("/opt/held", ["/opt/other"])\n' >other; ln -s none dangling; cp held plain; cp held /usr/local/bin/by_path; chmod +x *; chmod -x plain"""
 
 
 def test_configurations_against_the_service():
