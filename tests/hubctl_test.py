@@ -137,6 +137,7 @@ def test_small_requests(hub):
 1 | no version to report               | hubctl version
 0 | ^board 7\n\{"version":"board 7\\n" | echo 'board 7' >/etc/build-version; hubctl version; hubctl version --json
 0 | ^v\x1b7v\.7\r?\n$                 | printf 'v\0337' >/etc/build-version; hubctl version; script -qec 'hubctl version' /dev/null
+0 | not taken its last message, but process \d+, gone | /usr/bin/python3 -c 'import sysv_ipc; sysv_ipc.MessageQueue(1002).receive()' & until hubctl status | grep ' reads queue 1002 beside'; do :; done; for i in 1 2; do hubctl ping -c 1 -w 1; done; true
 0 | switched off.*switched on          | hubctl clocksteward off; hubctl clocksteward on
 """)
     until(lambda: sum("has been disabled" in line or "has been enabled" in line for line in hub.console()) == 2)
@@ -238,6 +239,7 @@ def test_any_bytes_and_views(hub):
 0 | OWNER +MODE.*netsteward +1000 +3 .* 0 +0644 .*! netsteward: nobody drains it: no process has ever read from it | hubctl queues --long
 0 | netsteward +1000 +3 .*unseen.*another PID namespace | unshare --user --map-root-user --pid --fork hubctl queues
 1 | taken by a process in another PID namespace     | unshare --user --map-root-user --pid --fork hubctl ping -c 1
+1 | HubKeeper does not run.*1 lost                  | unshare --ipc sh -c "echo $(ipcs -q | awk '/^0x000003ea/ {print $2}') >/proc/sys/kernel/msg_next_id; /usr/bin/python3 -c 'import sysv_ipc; sysv_ipc.MessageQueue(1002, 512)'; hubctl ping -c 1 -w 0.1"
 1 | removed its queues, or they are in another IPC  | unshare --user --map-root-user --ipc hubctl ping -c 1
 0 | netsteward +8 +7  01 .*chronicler +5 +8  30     | hubctl peers -n 4
 """)

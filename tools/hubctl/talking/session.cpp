@@ -79,7 +79,7 @@ hubkeeper_handle openInbound() {
 Session::Session(const SessionOptions& options)
     : inboundHandle(openInbound()),
       ridgelinkHandle{ridgelink.key, -1},
-      longest(longestMessage()),
+      longest(queueLimits().longest),
       patience(options.wait) {
   takeTurn(options.wait);
   tag = firstTag();
