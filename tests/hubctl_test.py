@@ -153,7 +153,7 @@ def test_transfers(hub):
 0 | "same":true,.*"target":"/opt/8188"                  | hubctl send --json /tmp/8188 /opt/
 0 | 70 transfer start .*"opt/it's "one" .t..HOME\.".*72 transfer end | hubctl peers stagehand -n {2 * len(targets) + 2}
 0 | are the same.*741                                   | chmod 741 /opt/old; hubctl send /tmp/1 /opt/old; stat -c %a /opt/old
-0 | are the same.*600                                   | hubctl send --mode 600 /tmp/1 /opt/mode; stat -c %a /opt/mode
+0 | are the same.*4751                                  | hubctl send --mode 4751 /tmp/1 /opt/mode; stat -c %a /opt/mode
 0 | are the same                                        | hubctl send /proc/version /opt/cpu
 0 | are the same                                        | cp "$(which sleep)" runs; ./runs 99 & until [ "$(cat /proc/$!/comm)" = runs ]; do :; done; hubctl send /tmp/1 /tmp/runs; kill $!
 0 | are the same                                        | cd /opt; hubctl get /opt/big back; cmp back big
