@@ -213,6 +213,7 @@ TROUBLES = (
     ("hub-frozen", "kill -CONT [0-9]", "", lambda board: board.hub.stop()),
     ("clocksteward-off", "hubctl clocksteward on", "", lambda board: board.off()),
     ("queue-owner chronicler", "ipcrm -q [0-9]", "", lambda board: board.disown()),
+    ("queue-small stagehand", "ipcrm -q [0-9]", "", lambda board: setattr(queue("S"), "max_size", 500)),
     ("queue-removed stagehand", "restart hubkeeper", "", lambda board: queue("S").remove()),
     ("no-configuration", "man svcmanager.conf", f"rm {CONFIG}", None),
     ("debug-on", "remove that line", f"echo debug=true >>{CONFIG}", None),

@@ -333,6 +333,13 @@ const Row<QueueFacts> queueRows[] = {
        return fmt::format("{} {}: others than HubKeeper's user may write to it", whoseQueue(q), who);
      },
      [](const Facts&, const QueueFacts& q) { return thenRestart(fmt::format("ipcrm -q {}", q.state->handle)); }},
+    {"queue-small", Grade::trouble,
+     [](const Facts&, const QueueFacts& q) { return q.state && q.state->capacity < HUBKEEPER_PACKET_MAX; },
+     [](const Facts&, const QueueFacts& q) {
+       return fmt::format("{} holds {} at most: a Packet of {} bytes never fits", whoseQueue(q),
+                          humanSize(q.state->capacity), HUBKEEPER_PACKET_MAX);
+     },
+     [](const Facts&, const QueueFacts& q) { return thenRestart(fmt::format("ipcrm -q {}", q.state->handle)); }},
     {"queue-full", Grade::trouble, [](const Facts&, const QueueFacts& q) { return isFull(q); },
      [](const Facts& b, const QueueFacts& q) {
        const std::string losses = describeLosses(b, q);
@@ -407,7 +414,8 @@ void judge(std::vector<Finding>& findings, const Row<Of...> (&rows)[size], const
 }  // namespace
 
 bool isFull(const QueueFacts& queue) {
-  return queue.state && queue.state->messages > 0 && queue.state->bytes + HUBKEEPER_PACKET_MAX > queue.state->capacity;
+  return queue.state && queue.state->messages > 0 && queue.state->capacity >= HUBKEEPER_PACKET_MAX &&
+         queue.state->bytes + HUBKEEPER_PACKET_MAX > queue.state->capacity;
 }
 
 std::string describeLosses(const Facts& board, const QueueFacts& queue) {
