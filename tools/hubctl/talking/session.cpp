@@ -103,8 +103,12 @@ void Session::requireHub(bool answered) {
   const pid_t old = hubProcess;
   const auto state = lookAt(ridgelink);
   const bool replaced = state && state->sender != old;
-  if (!replaced && (answered || livingProcess(old))) return;
+  const bool lives = livingProcess(old).has_value();
+  if (!replaced && (answered || lives)) return;
   hubProcess = 0;
+  if (replaced && lives) {
+    throw HubLost(fmt::format("two HubKeepers answer, processes {} and {}: one of them must end", old, state->sender));
+  }
   throw HubLost(replaced ? fmt::format("HubKeeper was started anew meanwhile: process {} took the place of {}",
                                        state->sender, old)
                          : fmt::format("HubKeeper (process {}) has ended meanwhile", old));
