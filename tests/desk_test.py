@@ -149,6 +149,7 @@ class Board:
 
     def __init__(self, prepare, left):
         CONFIG.write_text(ENTRIES)
+        self.left = left
         for letter in "ICLSR":
             sysv_ipc.MessageQueue(KEYS[letter], sysv_ipc.IPC_CREX, 0o644)
         pathlib.Path("/proc/sys/kernel/msgmnb").write_text("10485760")  # for Netsteward's queue, which is made now
@@ -209,9 +210,11 @@ TROUBLES = (
      lambda board: shell("cat /dev/zero >/media/small/rest")),
     ("hub-stopped", "start hubkeeper", "", lambda board: (board.hub.process.kill(), board.hub.wait())),
     ("hub-busy note", "kill -9 [0-9]+, if", "", lambda board: put(text('63"sleep 100\\00"'))),
+    ("hub-rival", "ps -o", "", lambda board: board.run(board.left, *os.environ["HUBKEEPER"].split())),
     ("hub-frozen", "kill -CONT [0-9]", "", lambda board: board.hub.stop()),
     ("clocksteward-off", "hubctl clocksteward on", "", lambda board: board.off()),
     ("queue-owner chronicler", "ipcrm -q [0-9]", "", lambda board: board.disown()),
+    ("queue-small stagehand", "ipcrm -q [0-9]", "", lambda board: setattr(queue("S"), "max_size", 500)),
     ("queue-removed stagehand", "restart hubkeeper", "", lambda board: queue("S").remove()),
     ("no-configuration", "man svcmanager.conf", f"rm {CONFIG}", None),
     ("debug-on", "remove that line", f"echo debug=true >>{CONFIG}", None),
@@ -246,6 +249,8 @@ def test_who_sees_less():
         shutil.copy(os.environ["HUBCTL"], "/run/hubctl")
         if ALL_USERS:
             see(0, "^HubKeeper is well, as far as this user .*Only root sees", "setpriv --reuid=1234 /run/hubctl status")
+            see(0, r"^HubKeeper is well, as far as .* no more is seen.*\nclock .* is not seen.*netsteward  not seen.*Only root sees",
+                "mount -t proc -o hidepid=2 none /proc && setpriv --reuid=1234 --regid=1234 --clear-groups /run/hubctl status; s=$?; umount /proc; exit $s")
         CONFIG.unlink()
         see(1, r"^HubKeeper is unknown\n! .*in another PID namespace", "unshare --user --map-root-user --pid --fork /run/hubctl status")
 

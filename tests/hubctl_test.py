@@ -137,6 +137,7 @@ def test_small_requests(hub):
 1 | no version to report               | hubctl version
 0 | ^board 7\n\{"version":"board 7\\n" | echo 'board 7' >/etc/build-version; hubctl version; hubctl version --json
 0 | ^v\x1b7v\.7\r?\n$                 | printf 'v\0337' >/etc/build-version; hubctl version; script -qec 'hubctl version' /dev/null
+0 | not taken its last message, but process \d+, gone | /usr/bin/python3 -c 'import sysv_ipc; sysv_ipc.MessageQueue(1002).receive()' & until hubctl status | grep ' reads queue 1002 beside'; do :; done; for i in 1 2; do hubctl ping -c 1 -w 1; done; true
 0 | switched off.*switched on          | hubctl clocksteward off; hubctl clocksteward on
 """)
     until(lambda: sum("has been disabled" in line or "has been enabled" in line for line in hub.console()) == 2)
@@ -152,7 +153,7 @@ def test_transfers(hub):
 0 | "same":true,.*"target":"/opt/8188"                  | hubctl send --json /tmp/8188 /opt/
 0 | 70 transfer start .*"opt/it's "one" .t..HOME\.".*72 transfer end | hubctl peers stagehand -n {2 * len(targets) + 2}
 0 | are the same.*741                                   | chmod 741 /opt/old; hubctl send /tmp/1 /opt/old; stat -c %a /opt/old
-0 | are the same.*600                                   | hubctl send --mode 600 /tmp/1 /opt/mode; stat -c %a /opt/mode
+0 | are the same.*4751                                  | hubctl send --mode 4751 /tmp/1 /opt/mode; stat -c %a /opt/mode
 0 | are the same                                        | hubctl send /proc/version /opt/cpu
 0 | are the same                                        | cp "$(which sleep)" runs; ./runs 99 & until [ "$(cat /proc/$!/comm)" = runs ]; do :; done; hubctl send /tmp/1 /tmp/runs; kill $!
 0 | are the same                                        | cd /opt; hubctl get /opt/big back; cmp back big
@@ -275,6 +276,7 @@ def test_any_bytes_and_views(hub):
 0 | OWNER +MODE.*netsteward +1000 +3 .* 0 +0644 .*! netsteward: nobody drains it: no process has ever read from it | hubctl queues --long
 0 | netsteward +1000 +3 .*unseen.*another PID namespace | unshare --user --map-root-user --pid --fork hubctl queues
 1 | taken by a process in another PID namespace     | unshare --user --map-root-user --pid --fork hubctl ping -c 1
+1 | HubKeeper does not run.*1 lost                  | unshare --ipc sh -c "echo $(ipcs -q | awk '/^0x000003ea/ {print $2}') >/proc/sys/kernel/msg_next_id; /usr/bin/python3 -c 'import sysv_ipc; sysv_ipc.MessageQueue(1002, 512)'; hubctl ping -c 1 -w 0.1"
 1 | removed its queues, or they are in another IPC  | unshare --user --map-root-user --ipc hubctl ping -c 1
 0 | netsteward +8 +7  01 .*chronicler +5 +8  30     | hubctl peers -n 4
 """)
@@ -425,6 +427,7 @@ def test_configurations():
 1 | FILE has no name.*cannot read /etc: Is a directory | hubctl check-config ""; hubctl check-config /etc
 1 | "processes":\[\],"services":\[\],"traps":\[\{"blocks":false,"line":2,"text":".*","unwatched":true\}\] | printf '# x\nservice=/bin/a\n' | hubctl check-config --json /dev/stdin
 1 | line 200000: "/bin/200000" .* no such file.*no service | seq -f 'service=/bin/%.0f' 200000 | hubctl check-config -
+1 | "/tmp/it" is shown by process \d+ now, .* once that has ended: there is no such | cp /usr/bin/sleep it; /tmp/it 9 & until pgrep -x it; do :; done; rm it; echo service=/tmp/it | hubctl check-config -; s=$?; kill $!; exit $s
 0 | watched  /usr/bin/sleep  process \d+     | echo service=/usr/bin/sleep >c; /usr/bin/sleep 9 & until hubctl check-config c | grep process; do :; done; kill $!
 """)
 
@@ -435,10 +438,11 @@ ODD = [form.format(sign) for sign in SIGNS for form in ("/opt/it{}", "{}/opt/it"
     "(%s); :", "if %s; then :; fi", "(%s)", "%s >/dev/null 2>&1", "%s >y\\", "%s && : # x", "exec %s", "exec %s; :", "%s & # x", "%s <",
     "%s a\tb", "a; %s)")]
 NAMES = ["by_path", "none", "kill", "while", "", " /opt/it", "./it", *("/opt/" + "n" * 250 + "/" + "n" * size for size in (250, 255)),
-         *map("/opt/".__add__, "folder script named dash text empty cut link dangling plain none".split())]
+         *map("/opt/".__add__, "folder script named dash text empty cut link dangling plain none below through other login".split())]
 FILES = r"""cd /opt; cp held i; rm -f it\& none; mkdir folder; printf '#!/bin/sh\nread x\n' >script; printf '#!/bin/bash\nexec -a $0 /opt/held\n' >named
     sed s/bash/sh/ named >dash; echo sleep 9 >text; : >empty; head -c 999 held >cut; ln -s it# link
-    ln -s none dangling; cp held plain; cp held /usr/local/bin/by_path; chmod +x *; chmod -x plain"""
+    printf '#!/bin/bash\n: $#; (exec -c \\\n-a "$0" /opt/held)\n' >below; sed '1s/bin.*/usr\/bin\/env sh/' named >through; sed s/-a/-la/ named >login
+    printf '#!/usr/bin/python3\nimport os\nos.execv("/opt/held", ["/opt/other"])\n' >other; ln -s none dangling; cp held plain; cp held /usr/local/bin/by_path; chmod +x *; chmod -x plain"""
 
 
 def test_configurations_against_the_service():

@@ -52,7 +52,7 @@ void addService(std::string& text, const Facts& board, const std::vector<Finding
   add(text, "well", "gauge", "Whether hubctl status finds no trouble.",
       {{"", worst(findings) == Grade::note ? 1. : 0.}});
   add(text, "trouble", "gauge", "A trouble that hubctl status names.", troubles);
-  const bool seen = hub.state.process.has_value() && hub.state.doing != Doing::doubtful;
+  const bool seen = hub.seen && hub.state.doing != Doing::doubtful;
   if (seen || (hub.nowhere.empty() && hub.state.doing == Doing::absent)) {
     add(text, "up", "gauge", "Whether the service runs and is not stopped; absent where that cannot be seen.",
         {{"", seen && hub.state.doing != Doing::stopped ? 1. : 0.}});
@@ -93,7 +93,7 @@ void addRest(std::string& text, const Facts& board) {
   std::vector<Sample> running, restarts;
   for (const ServiceFacts& one : board.services) {
     const std::string labels = labelled("service", one.name);
-    running.push_back({labels, one.processes.empty() ? 0. : 1.});
+    if (!one.processes.empty() || !board.hidden) running.push_back({labels, one.processes.empty() ? 0. : 1.});
     if (known) restarts.push_back({labels, static_cast<double>(one.restarts.count)});
   }
   add(text, "service_running", "gauge", "Whether a watched service runs.", running);

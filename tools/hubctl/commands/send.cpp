@@ -73,7 +73,7 @@ int send(const Options& options, bool waitGiven) {
   const Result result = transfer(session, order);
   options.json ? printResultJson(options.target, result) : printResult(options.target, result);
   if (!result.complaint.empty()) {
-    complain("the owner or mode of the old file could not be carried over:\n" + result.complaint);
+    complain("the new file could not be given its owner or mode:\n" + result.complaint);
   }
   if (!result.unsummed()) return result.complaint.empty() ? 0 : 1;
   throw Failure("the size is right, but sha256sum is missing, so the content was not compared");

@@ -58,12 +58,14 @@ void addFindings(Lines& lines, const std::vector<Finding>& findings, int width) 
 
 std::string describeService(const HubFacts& hub) {
   if (!hub.nowhere.empty() || !hub.state.process) return "not seen";
+  const std::string version = hub.version.empty() ? "" : ", version " + harmless(hub.version);
+  if (!hub.seen) return fmt::format("process {}, of which no more is seen{}", hub.state.process->id, version);
   const auto since = std::time(nullptr) - static_cast<std::time_t>(hub.age);
   std::tm time = {};
   char text[32] = "";
   std::strftime(text, sizeof text, hub.age < yearly ? "%d %b %H:%M" : "%d %b %Y", localtime_r(&since, &time));
   return fmt::format("process {} since {}, {}, {}{}", hub.state.process->id, text, humanSize(hub.memory),
-                     count(hub.threads, "thread"), hub.version.empty() ? "" : ", version " + harmless(hub.version));
+                     count(hub.threads, "thread"), version);
 }
 
 std::string describeDoing(const HubFacts& hub) {
@@ -113,9 +115,9 @@ void addQueues(Lines& lines, const Facts& board) {
 
 std::string withoutYear(LogTime time) { return logTime(time).erase(7, 5); }
 
-std::string describeWatched(const ServiceFacts& one) {
+std::string describeWatched(const ServiceFacts& one, bool hidden) {
   const std::string now = one.processes.empty()
-                              ? "not running"
+                              ? hidden ? "not seen" : "not running"
                               : fmt::format("process {} for {}", fmt::join(one.processes, ", "), humanSpan(one.age));
   if (one.restarts.count == 0) return fmt::format("{}  {}", harmless(one.name), now);
   return fmt::format("{}  {}, restarted {}, last {}", harmless(one.name), now, count(one.restarts.count, "time"),
@@ -125,7 +127,9 @@ std::string describeWatched(const ServiceFacts& one) {
 std::string describeSwitch(const Facts& board) {
   if (!board.log.unread.empty() || board.log.start == 0) return "unknown";
   return fmt::format("switched {}, and {}", board.log.clockstewardOff ? "off" : "on",
-                     board.clockstewardRuns ? "runs" : "does not run");
+                     board.clockstewardRuns ? "runs"
+                     : board.hidden         ? "is not seen"
+                                            : "does not run");
 }
 
 Lines makeScreen(const Facts& board, const std::vector<Finding>& findings, int width) {
@@ -138,7 +142,7 @@ Lines makeScreen(const Facts& board, const std::vector<Finding>& findings, int w
   addQueues(lines, board);
   std::string_view title = "watched";
   for (const ServiceFacts& one : board.services) {
-    add(lines, title, describeWatched(one), width);
+    add(lines, title, describeWatched(one, board.hidden), width);
     title = "";
   }
   title = "errors";
@@ -149,7 +153,9 @@ Lines makeScreen(const Facts& board, const std::vector<Finding>& findings, int w
     title = "";
   }
   if (board.blind) {
-    add(lines, "", "Only root sees all of \"service\", \"now\", who waits at a queue, and whether the log is open.",
+    add(lines, "",
+        fmt::format("{} sees all of \"service\", \"now\", who waits at a queue, {}and whether the log is open.",
+                    isProcMounted() ? "Only root" : "Without /proc nobody", board.hidden ? "what is watched, " : ""),
         width);
   }
   return lines;

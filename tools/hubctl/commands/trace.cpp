@@ -14,6 +14,7 @@
 #include "base/signals.h"
 #include "commands/arguments.h"
 #include "commands/commands.h"
+#include "looking/processes.h"
 #include "showing/json.h"
 #include "showing/output.h"
 #include "showing/terminal.h"
@@ -76,12 +77,12 @@ class Output {
     flushOutput();
     if (options.period <= 0 || secondsSince(drawn) < options.period) return;
     drawn = Clock::now();
-    sumUp(timeNow(), false);
+    sumUp(timeNow(), false, true);
   }
 
   void finish(bool live) {
     story.finish();
-    if (options.period > 0) sumUp(live ? timeNow() : stats.end(), true);
+    if (options.period > 0) sumUp(live ? timeNow() : stats.end(), true, live);
     if (!recorder) return;
     recorder->flush();
     complain(fmt::format("{} recorded", count(recorded, "message")));
@@ -102,9 +103,9 @@ class Output {
     }
   }
 
-  void sumUp(std::int64_t now, bool last) {
+  void sumUp(std::int64_t now, bool last, bool live) {
     if (options.json) return printJson(stats.json(now, last));
-    if (terminalWidth() > 0 && options.read.empty()) print("\033[H\033[2J");  // a recording has one, and erases nothing
+    if (live && terminalWidth() > 0) print("\033[H\033[2J");  // a recording has one table, and erases nothing
     stats.print(now, last);
     if (terminalWidth() == 0 && !last) print("\n");
   }
@@ -123,6 +124,11 @@ class Output {
 std::optional<Service> awaitService(const Options& options) {
   if (options.process != 0) return namedService(options.process);
   auto service = findService();
+  if (!service && someAreHidden()) {
+    throw Failure(isProcMounted()
+                      ? "whether HubKeeper runs only its own user and root can see: run hubctl trace as root"
+                      : "whether HubKeeper runs cannot be seen without /proc");
+  }
   if (!service) complain("no hubkeeper runs beside these queues; waiting for one, Ctrl-C ends");
   for (; !service && !interrupted(); service = findService()) nap(0.02);
   return service;
@@ -156,14 +162,18 @@ bool traceService(const Service& service, Output& output) {
   Tracer tracer(service.id, [&watcher](const Returned& returned) { watcher.take(returned); });
   output.take({{HUBKEEPER_CAPTURE_ATTACHED, 0, service.id, service.user, 0}, timeNow(), {}});
   output.refresh();
-  bool ended = false;
+  bool ended = false, quiet = false;
   while (!ended && output.wantsMore()) {
     const bool leisure = !backlog.empty() && tracer.serviceWaits();
     const Tracer::Step step = tracer.step(!leisure);
     ended = step == Tracer::Step::ended;
+    quiet = quiet && step == Tracer::Step::nothing;
     if (backlog.full() || (leisure && step == Tracer::Step::nothing)) backlog.showOne();
-    if (ticked != 0) output.refresh();
+    if (ticked == 0) continue;
+    if (quiet) backlog.showAll();  // it stands still for longer, whatever it waits for: a second, a disk, a terminal
+    output.refresh();
     ticked = 0;
+    quiet = true;
   }
   tracer.release();
   backlog.showAll();

@@ -1,6 +1,7 @@
 #include "desk/board.h"
 
 #include <fmt/format.h>
+#include <sys/msg.h>
 #include <sys/stat.h>
 #include <sys/statvfs.h>
 #include <unistd.h>
@@ -82,13 +83,19 @@ void lookWithoutInbound(HubFacts& hub) {
   struct stat space = {};
   static constexpr ino_t firstSpace = 0xEFFFFFFC;  // of the machine itself, as the kernel numbers it
   const bool contained = stat("/proc/self/ns/pid", &space) == 0 && space.st_ino != firstSpace;
-  if (named || queuesInUse() > 0) return;
+  if (named || queueLimits().inUse > 0) return;
   if (findByName(Queues::others)) hub.nowhere = whyMissing();
   if (contained && hub.nowhere.empty()) {
     hub.nowhere =
         "neither HubKeeper nor its queues are seen from here, a container or another PID namespace: it runs elsewhere, "
         "or not at all";
   }
+}
+
+std::optional<Process> findRival(const Process& hub) {
+  const int handle = msgget(inbound.key, 0);
+  const auto waiting = handle == -1 ? std::nullopt : whoWaits(handle, hub.id).process;
+  return waiting ? waiting : findTwin(hub);
 }
 
 HubFacts lookAtService() {
@@ -102,7 +109,9 @@ HubFacts lookAtService() {
   }
   if (!hub.state.process) return hub;
   const pid_t id = hub.state.process->id;
+  hub.rival = findRival(*hub.state.process);
   std::ifstream file(fmt::format("/proc/{}/status", id));
+  hub.seen = file.is_open();
   for (std::string line; std::getline(file, line);) {
     std::istringstream words(line);
     std::string title;
@@ -111,7 +120,7 @@ HubFacts lookAtService() {
     if (title == "Threads:") words >> hub.threads;
     if (title == "VmRSS:" && words >> hub.memory) hub.memory *= 1024;
   }
-  hub.age = processAge(id);
+  if (hub.seen) hub.age = processAge(id);
   hub.logOpen = hasLogOpen(id);
   if (hub.state.command) hub.commandAge = processAge(hub.state.command->id);
   return hub;
@@ -198,8 +207,8 @@ Facts lookAtBoard() {
   std::transform(std::begin(hubkeeper_queues), std::end(hubkeeper_queues), board.queues.begin(), lookAtQueue);
   board.config = lookAtConfig();
   const auto now = std::time(nullptr);
-  board.log = readLogFacts(board.hub.state.process ? std::optional(now - static_cast<std::time_t>(board.hub.age))
-                                                   : std::nullopt);
+  board.log =
+      readLogFacts(board.hub.seen ? std::optional(now - static_cast<std::time_t>(board.hub.age)) : std::nullopt);
   board.logSize = logSize();
   board.services = lookAtServices(board);
   board.clockstewardRuns = anyClocksteward();
@@ -209,15 +218,17 @@ Facts lookAtBoard() {
   }
   board.logDirectory = lookAtPlace("/media/data");
   board.tmp = lookAtPlace("/tmp");
-  board.longest = queueLimit("msgmax");
-  board.queueBytes = queueLimit("msgmnb");
-  board.queueTable = queueLimit("msgmni");
-  board.queuesUsed = queuesInUse();
+  const QueueLimits limits = queueLimits();
+  board.longest = limits.longest;
+  board.queueBytes = limits.capacity;
+  board.queueTable = limits.queues;
+  board.queuesUsed = limits.inUse;
   const std::string path = findStartPlace().path;
   board.firmwareTool = isInPath(path, "fw_printenv");
   board.pkill = isInPath(path, "pkill");
   const auto hidden = [](const QueueFacts& queue) { return queue.hidden; };
-  board.blind =
-      std::any_of(board.queues.begin(), board.queues.end(), hidden) || (board.hub.state.process && !board.hub.logOpen);
+  board.hidden = someAreHidden();
+  board.blind = board.hidden || std::any_of(board.queues.begin(), board.queues.end(), hidden) ||
+                (board.hub.state.process && !board.hub.logOpen);
   return board;
 }

@@ -16,7 +16,9 @@
 
 struct HubFacts {
   HubState state;
-  std::string nowhere;  // why neither the hub nor a queue is seen, though there may be a hub elsewhere
+  std::optional<Process> rival;  // who takes requests from the same queue, a second hub or a stranger
+  std::string nowhere;           // why neither the hub nor a queue is seen, though there may be a hub elsewhere
+  bool seen = false;             // what follows is known
   uid_t user = 0;
   double age = 0;  // seconds since its start
   std::uint64_t memory = 0;
@@ -70,6 +72,7 @@ struct Facts {
               queuesUsed = 0;                // msgmax, msgmnb, msgmni, and how many there are
   bool firmwareTool = false, pkill = false;  // in the service's PATH
   bool blind = false;                        // this user may not see everything
+  bool hidden = false;                       // not even which processes there are
 };
 
 Facts lookAtBoard();

@@ -23,7 +23,7 @@ json serviceJson(const HubFacts& hub) {
                   {"command", processJson(hub.state.command)},
                   {"version", hub.version},
                   {"logOpen", hub.logOpen ? json(*hub.logOpen) : json()}};
-  if (hub.state.process) {
+  if (hub.seen) {
     service.update({{"seconds", hub.age}, {"memory", hub.memory}, {"threads", hub.threads}, {"user", hub.user}});
   }
   if (hub.state.command) service["commandSeconds"] = hub.commandAge;
@@ -104,7 +104,8 @@ json boardJson(const Facts& board, const std::vector<Finding>& findings) {
           {"watched", watchedJson(board)},
           {"log", logJson(board)},
           {"clocksteward",
-           {{"switchedOn", known ? json(!board.log.clockstewardOff) : json()}, {"runs", board.clockstewardRuns}}},
+           {{"switchedOn", known ? json(!board.log.clockstewardOff) : json()},
+            {"runs", board.clockstewardRuns || !board.hidden ? json(board.clockstewardRuns) : json()}}},
           {"board",
            {{"msgmax", board.longest},
             {"msgmnb", board.queueBytes},

@@ -11,7 +11,7 @@ namespace {
 constexpr double grain = 15;  // seconds from the start of a process to its first line, at most
 constexpr std::size_t kept = 3;
 
-enum class Role { none, start, lost, restored, dead, off, on };
+enum class Role { none, start, lost, dead, off, on };
 
 bool holds(std::string_view text, std::string_view part) { return text.find(part) != std::string_view::npos; }
 
@@ -21,9 +21,6 @@ Role judge(const LogKind& kind) {
   if (kind.text == "Clocksteward application has been disabled") return Role::off;
   if (kind.text == "Clocksteward application has been enabled") return Role::on;
   if (kind.queue == nullptr) return Role::none;
-  if (kind.priority == Priority::info) {
-    return holds(kind.text, "estored") || holds(kind.text, "recovered") ? Role::restored : Role::none;
-  }
   for (const char* failed : {"ailed sending", "Failed bouncing", "Send Heartbeat"}) {
     if (kind.priority == Priority::error && holds(kind.text, failed)) return Role::lost;
   }
@@ -53,9 +50,9 @@ class Story {
       Losses& losses = facts.losses[kind->queue->key];
       if (++losses.lines == 1) losses.first = line.time;
       losses.last = line.time;
-      losses.silent = losses.silent || holds(kind->text, "last logged");
+      // How many failed in silence, no line tells, and a version reply to Ridgelink is lost without any.
+      losses.silent = losses.silent || *kind->queue == ridgelink || holds(kind->text, "last logged");
     }
-    if (role == Role::restored) facts.losses[kind->queue->key].silent = false;
     if (role == Role::off || role == Role::on) facts.clockstewardOff = role == Role::off;
     if (role == Role::dead) countRestart(*kind, line);
     if (line.priority <= Priority::error && kind != nullptr && !kind->noError && role != Role::lost) keepError(line);

@@ -16,7 +16,7 @@
 struct Losses {
   std::uint64_t lines = 0;
   LogTime first = 0, last = 0;
-  bool silent = false;  // the last of a row has been logged, and there may be more
+  bool silent = false;  // there may be more of which no line tells
 };
 
 /// A watched service that was found dead and started.

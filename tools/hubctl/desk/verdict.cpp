@@ -49,7 +49,7 @@ bool lives(const Facts& board) { return board.hub.state.process.has_value() && !
 bool held(const Facts& board) { return is(board, Doing::stopped) && board.hub.state.process->debugger != 0; }
 bool hasStart(const Facts& board) { return board.log.unread.empty() && board.log.start != 0; }
 bool clockstewardOff(const Facts& board) {
-  return hasStart(board) && lives(board) && board.log.clockstewardOff && !board.clockstewardRuns;
+  return hasStart(board) && lives(board) && board.log.clockstewardOff && !board.clockstewardRuns && !board.hidden;
 }
 
 // Three within a few minutes, the newest of them not long ago. Times are those of the log.
@@ -82,7 +82,7 @@ const Row<> serviceRows[] = {
      }},
     {"hub-hidden", Grade::unknown, [](const Facts& b) { return is(b, Doing::hidden) && !lives(b); },
      [](const Facts& b) { return describeHub(b.hub.state); },
-     [](const Facts&) { return std::string("sudo hubctl status"); }},
+     [](const Facts&) { return std::string(isProcMounted() ? "sudo hubctl status" : "mount -t proc proc /proc"); }},
     {"hub-doubtful", Grade::unknown, [](const Facts& b) { return is(b, Doing::doubtful); },
      [](const Facts& b) { return describeHub(b.hub.state); },
      [](const Facts& b) { return fmt::format("ps -p {} -o lstart,args", b.hub.state.process->id); }},
@@ -95,6 +95,20 @@ const Row<> serviceRows[] = {
     {"hub-frozen", Grade::trouble, [](const Facts& b) { return is(b, Doing::stopped) && !held(b); },
      [](const Facts& b) { return line(describeHub(b.hub.state), 0) + ", and serves nothing"; },
      [](const Facts& b) { return fmt::format("kill -CONT {}", b.hub.state.process->id); }},
+    {"hub-rival", Grade::trouble, [](const Facts& b) { return lives(b) && b.hub.rival.has_value(); },
+     [](const Facts& b) {
+       const Process& rival = *b.hub.rival;
+       const bool twin = rival.name == b.hub.state.process->name;
+       return fmt::format(
+           "{} reads queue 1002 beside HubKeeper (process {}): each of them takes some of the requests{}",
+           twin ? fmt::format("a second HubKeeper, process {},", rival.id)
+                : fmt::format("process {} ({})", rival.id, harmless(rival.name)),
+           b.hub.state.process->id, twin ? ", and both roll one log" : "");
+     },
+     [](const Facts& b) {
+       return fmt::format("ps -o pid,lstart,args -p {},{}, and kill the one that should not be there",
+                          b.hub.state.process->id, b.hub.rival->id);
+     }},
     {"hub-restarts", Grade::trouble,
      [](const Facts& b) {
        const auto& starts = b.log.starts;
@@ -263,7 +277,9 @@ bool isOfHub(const Facts& board, const QueueFacts& q) {
   return *q.queue == inbound && (!lives(board) || is(board, Doing::stopped) || board.hub.state.command);
 }
 
-bool isForeign(const Facts& board, uid_t user) { return user != 0 && (!lives(board) || user != board.hub.user); }
+bool isForeign(const Facts& board, uid_t user) {
+  return user != 0 && (!lives(board) || (board.hub.seen && user != board.hub.user));
+}
 
 bool isSwitchedOff(const Facts& board, const QueueFacts& q) {
   return std::strcmp(q.queue->name, "clocksteward") == 0 && clockstewardOff(board);
@@ -300,7 +316,9 @@ std::string sayGone(const Facts&, const QueueFacts& q) {
 
 const Row<QueueFacts> queueRows[] = {
     {"queue-removed", Grade::trouble,
-     [](const Facts& b, const QueueFacts& q) { return !q.state && !q.hidden && lives(b) && b.hub.age > 2; },
+     [](const Facts& b, const QueueFacts& q) {
+       return !q.state && !q.hidden && lives(b) && (b.hub.age > 2 || !b.hub.seen);
+     },
      [](const Facts&, const QueueFacts& q) {
        return fmt::format("{} has been removed; HubKeeper makes it anew when it uses it next", whoseQueue(q));
      },
@@ -317,6 +335,13 @@ const Row<QueueFacts> queueRows[] = {
                        harmless(userName(isForeign(b, q.state->owner) ? q.state->owner : q.state->creator))
                  : fmt::format("has mode {:04o}", q.state->mode);
        return fmt::format("{} {}: others than HubKeeper's user may write to it", whoseQueue(q), who);
+     },
+     [](const Facts&, const QueueFacts& q) { return thenRestart(fmt::format("ipcrm -q {}", q.state->handle)); }},
+    {"queue-small", Grade::trouble,
+     [](const Facts&, const QueueFacts& q) { return q.state && q.state->capacity < HUBKEEPER_PACKET_MAX; },
+     [](const Facts&, const QueueFacts& q) {
+       return fmt::format("{} holds {} at most: a Packet of {} bytes never fits", whoseQueue(q),
+                          humanSize(q.state->capacity), HUBKEEPER_PACKET_MAX);
      },
      [](const Facts&, const QueueFacts& q) { return thenRestart(fmt::format("ipcrm -q {}", q.state->handle)); }},
     {"queue-full", Grade::trouble, [](const Facts&, const QueueFacts& q) { return isFull(q); },
@@ -361,7 +386,7 @@ const Row<ServiceFacts> watchedRows[] = {
      }},
     {"service-dead", Grade::trouble,
      [](const Facts& b, const ServiceFacts& one) {
-       return one.processes.empty() && !loops(b, one) && !switchedOff(b, one);
+       return one.processes.empty() && !b.hidden && !loops(b, one) && !switchedOff(b, one);
      },
      [](const Facts&, const ServiceFacts& one) { return fmt::format("{} does not run", harmless(one.name)); },
      [](const Facts& b, const ServiceFacts& one) {
@@ -393,7 +418,8 @@ void judge(std::vector<Finding>& findings, const Row<Of...> (&rows)[size], const
 }  // namespace
 
 bool isFull(const QueueFacts& queue) {
-  return queue.state && queue.state->messages > 0 && queue.state->bytes + HUBKEEPER_PACKET_MAX > queue.state->capacity;
+  return queue.state && queue.state->messages > 0 && queue.state->capacity >= HUBKEEPER_PACKET_MAX &&
+         queue.state->bytes + HUBKEEPER_PACKET_MAX > queue.state->capacity;
 }
 
 std::string describeLosses(const Facts& board, const QueueFacts& queue) {

@@ -1,6 +1,7 @@
 #include "looking/config.h"
 
 #include <fmt/format.h>
+#include <fmt/ranges.h>
 
 #include <algorithm>
 #include <cctype>
@@ -185,12 +186,19 @@ class Judge {
       file = judgeProgram(record.value, place);
       if (!file.never.empty()) why = file.never + hintAt(record.value);
     }
-    if (!why.empty()) return addTrap(record, true, fmt::format("\"{}\" is started anew in every cycle: {}", name, why));
+    const auto shown = running.find(record.value);
+    if (!why.empty()) {
+      const std::string now =
+          shown == running.end()
+              ? "is started anew in every cycle"
+              : fmt::format("is shown by process {} now, and is started anew in every cycle once that has ended",
+                            fmt::join(shown->second, ", "));
+      return addTrap(record, true, fmt::format("\"{}\" {}: {}", name, now, why));
+    }
     if (!file.unknown.empty()) addTrap(record, false, fmt::format("\"{}\": {}", name, file.unknown));
     if (!seen.insert(record.value).second) {
       addTrap(record, false, fmt::format("\"{}\" stands here twice: when it dies, two copies may be started", name));
     }
-    const auto shown = running.find(record.value);
     verdict.watched.push_back({record.value, shown == running.end() ? std::vector<pid_t>() : shown->second});
   }
 

@@ -20,7 +20,7 @@ int handleOf(const Queue& queue) {
 }  // namespace
 
 // A copy cannot be cut, so there is room for the longest message that the kernel allows.
-Copies::Copies(const Queue& queue) : source(queue), handle(handleOf(queue)), room(longestMessage()), frame(room) {}
+Copies::Copies(const Queue& queue) : source(queue), handle(handleOf(queue)), room(queueLimits().longest), frame(room) {}
 
 std::optional<ByteView> Copies::at(unsigned place) {
   const ssize_t size = msgrcv(handle, frame.message(), room, place, MSG_COPY | IPC_NOWAIT);

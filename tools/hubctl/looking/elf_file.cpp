@@ -58,6 +58,7 @@ bool isForThisProcessor(const std::string& head) {
   std::ifstream self("/proc/self/exe", std::ios::binary);
   std::string own(machine + 2, '\0');
   self.read(own.data(), static_cast<std::streamsize>(own.size()));
+  if (!self) return true;  // nothing is known
   return head.compare(EI_CLASS, 2, own, EI_CLASS, 2) == 0 && head.compare(machine, 2, own, machine, 2) == 0;
 }
 

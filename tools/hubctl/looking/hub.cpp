@@ -71,7 +71,8 @@ HubState lookAtHub() {
 }
 
 std::string describeHub(const HubState& hub) {
-  if (hub.doing == Doing::hidden && !hub.process) return "whether HubKeeper runs only its own user and root can see";
+  const char* const seenBy = isProcMounted() ? " only its own user and root can see" : " cannot be seen without /proc";
+  if (hub.doing == Doing::hidden && !hub.process) return fmt::format("whether HubKeeper runs{}", seenBy);
   if (hub.doing == Doing::elsewhere) return "HubKeeper is in another PID namespace, and cannot be seen from this one";
   if (!hub.process) return "HubKeeper does not run";
   if (hub.doing == Doing::doubtful) {
@@ -79,7 +80,7 @@ std::string describeHub(const HubState& hub) {
         "whether HubKeeper runs cannot be told: its number, {}, is that of {}, and the clock has been set since",
         hub.process->id, harmless(hub.process->name));
   }
-  const bool ownName = hub.process->name.starts_with("hubkeeper");
+  const bool ownName = hub.process->name.starts_with("hubkeeper") || hub.process->name == "?";
   const std::string who =
       fmt::format("HubKeeper (process {}{})", hub.process->id, ownName ? "" : ", " + harmless(hub.process->name));
   switch (hub.doing) {
@@ -88,7 +89,7 @@ std::string describeHub(const HubState& hub) {
       if (hub.process->debugger != 0)
         return fmt::format("{} is held by a debugger, process {}", who, hub.process->debugger);
       return fmt::format("{} is stopped by a signal\nkill -CONT {} lets it go on", who, hub.process->id);
-    case Doing::hidden: return who + " lives; whether it waits for requests only its own user and root can see";
+    case Doing::hidden: return fmt::format("{} lives; whether it waits for requests{}", who, seenBy);
     default: break;
   }
   if (!hub.command) return who + " is busy";

@@ -1,21 +1,10 @@
 #include "looking/kernel_limits.h"
 
-#include <algorithm>
-#include <fstream>
-#include <iterator>
+#include <sys/msg.h>
 
-std::size_t longestMessage() {
-  std::size_t limit = 0;
-  return std::ifstream("/proc/sys/kernel/msgmax") >> limit ? limit : 8192;
-}
-
-std::size_t queueLimit(const std::string& name) {
-  std::size_t limit = 0;
-  return std::ifstream("/proc/sys/kernel/" + name) >> limit ? limit : 0;
-}
-
-std::size_t queuesInUse() {
-  std::ifstream table("/proc/sysvipc/msg");
-  const auto lines = std::count(std::istreambuf_iterator<char>(table), {}, '\n');
-  return lines > 0 ? static_cast<std::size_t>(lines) - 1 : 0;  // without the titles
+QueueLimits queueLimits() {
+  msginfo info = {};
+  if (msgctl(0, MSG_INFO, reinterpret_cast<msqid_ds*>(&info)) == -1) return {};
+  const auto size = [](int number) { return static_cast<std::size_t>(number); };
+  return {size(info.msgmax), size(info.msgmnb), size(info.msgmni), size(info.msgpool)};
 }

@@ -1,14 +1,13 @@
-// What the kernel allows. Source: proc(5).
+// What the kernel allows in this IPC namespace. Source: msgctl(2), which needs no /proc.
 #pragma once
 
 #include <cstddef>
-#include <string>
 
-/// Bytes of the longest message (kernel.msgmax); the usual 8192 where the kernel does not tell.
-std::size_t longestMessage();
-
-/// A limit of queues, such as msgmnb; 0 where the kernel does not tell.
-std::size_t queueLimit(const std::string& name);
-
-/// How many queues there are in this IPC namespace.
-std::size_t queuesInUse();
+/// The usual where the kernel does not tell.
+struct QueueLimits {
+  std::size_t longest = 8192;    // bytes of a message (kernel.msgmax)
+  std::size_t capacity = 16384;  // bytes of a new queue (kernel.msgmnb)
+  std::size_t queues = 32000;    // (kernel.msgmni)
+  std::size_t inUse = 0;         // how many queues there are
+};
+QueueLimits queueLimits();

@@ -53,6 +53,13 @@ Queues queuesOf(pid_t id) {
 
 bool bearsTheName(const Process& process) { return process.name.starts_with("hubkeeper"); }
 
+// A command that the hub is just starting still has its name.
+bool isHub(const Process& process, Queues whose) {
+  if (!bearsTheName(process) || queuesOf(process.id) != whose) return false;
+  const auto parent = livingProcess(process.parent);
+  return !parent || !bearsTheName(*parent);
+}
+
 // Seconds from the machine's start to that of a process or thread: the 22nd field, behind a name that may hold anything.
 std::time_t startSeconds(pid_t id) {
   std::ifstream file(fmt::format("/proc/{}/stat", id));
@@ -82,6 +89,11 @@ bool waitsFor(std::ifstream& call, int queueHandle) {
 
 }  // namespace
 
+// The first process is there as long as any other.
+bool someAreHidden() { return !std::ifstream("/proc/1/stat").is_open(); }
+
+bool isProcMounted() { return access("/proc/self/stat", F_OK) == 0; }
+
 std::optional<Process> livingProcess(pid_t id) {
   if (id <= 0 || (kill(id, 0) == -1 && errno != EPERM)) return std::nullopt;
   Process process = {id, "?"};
@@ -97,12 +109,17 @@ std::optional<Process> livingProcess(pid_t id) {
   return process;
 }
 
-// A command that the hub is just starting still has its name.
 std::optional<Process> findByName(Queues whose) {
   for (const Process& process : livingProcesses()) {
-    if (!bearsTheName(process) || queuesOf(process.id) != whose) continue;
-    const auto parent = livingProcess(process.parent);
-    if (!parent || !bearsTheName(*parent)) return process;
+    if (isHub(process, whose)) return process;
+  }
+  return std::nullopt;
+}
+
+std::optional<Process> findTwin(const Process& hub) {
+  for (const Process& process : livingProcesses()) {
+    if (process.id == hub.id || process.id == hub.parent || process.name != hub.name) continue;
+    if (isHub(process, Queues::ours)) return process;
   }
   return std::nullopt;
 }
@@ -164,14 +181,16 @@ std::optional<Process> deepestChild(pid_t hub) {
   return deepest;
 }
 
-Waiting whoWaits(int queueHandle) {
-  Waiting waiting;
+Waiting whoWaits(int queueHandle, pid_t except) {
+  Waiting waiting = {std::nullopt, someAreHidden()};
   for (const pid_t id : idsIn("/proc")) {
     waiting.blind = waiting.blind && id != getpid();
+    if (id == except) continue;
     for (const pid_t thread : idsIn(fmt::format("/proc/{}/task", id))) {
       errno = 0;
       std::ifstream call(fmt::format("/proc/{}/task/{}/syscall", id, thread));
-      if (waitsFor(call, queueHandle)) return {livingProcess(id), false, false};
+      // Each IPC namespace numbers its queues from 0.
+      if (waitsFor(call, queueHandle) && queuesOf(id) != Queues::others) return {livingProcess(id), false, false};
       waiting.hidden = waiting.hidden || errno == EACCES || errno == EPERM;
     }
   }

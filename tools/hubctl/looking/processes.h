@@ -11,7 +11,7 @@
 
 struct Process {
   pid_t id;
-  std::string name;
+  std::string name;  // "?" where no more than its number is seen
   pid_t parent = 0;
   bool stopped = false;  // by a signal, or by a debugger
   pid_t debugger = 0;    // where it is that
@@ -25,6 +25,9 @@ std::optional<Process> livingProcess(pid_t id);
 /// others, in another IPC namespace; of another user's process that is not known.
 enum class Queues { ours, others, unknown };
 std::optional<Process> findByName(Queues whose);
+
+/// One more hub with the queues that are seen from here: of the same name, and neither its parent nor a command that starts.
+std::optional<Process> findTwin(const Process& hub);
 
 /// How long a process has run, by the clock that nobody sets.
 double processAge(pid_t id);
@@ -44,6 +47,10 @@ LastUser lastUser(pid_t id, std::time_t when);
 
 std::vector<Process> livingProcesses();
 
+/// Whether there may be processes of which nothing is seen: /proc is mounted with hidepid=, or not at all.
+bool someAreHidden();
+bool isProcMounted();
+
 /// The processes that show each text where the service looks for its entries: in the first 511 bytes of the command line,
 /// in the first argument, up to its first blank.
 std::unordered_map<std::string, std::vector<pid_t>> shownNames();
@@ -53,14 +60,14 @@ std::unordered_map<std::string, std::vector<pid_t>> shownNames();
 /// traffic: others are services that the monitor waits for, or that came to a hub which is process 1.
 std::optional<Process> deepestChild(pid_t hub);
 
-/// Who waits in msgrcv(2) for a message of this queue. `hidden` when this user may not see it of every process, `blind` when not
-/// even this process shows: no /proc here, or no descriptor left to read it with.
+/// Who waits in msgrcv(2) for a message of this queue, other than one process. `hidden` when this user may not see it of every
+/// process, `blind` when not even this process shows: no /proc here, or no descriptor left to read it with.
 struct Waiting {
   std::optional<Process> process;
   bool hidden = false;
   bool blind = true;
 };
-Waiting whoWaits(int queueHandle);
+Waiting whoWaits(int queueHandle, pid_t except = 0);
 
 /// "57 ridgelink", "57? ridgelink" in doubt, "57, gone", "unseen", or "none"; harmless for a terminal.
 std::string describeUser(const LastUser& last);

@@ -35,6 +35,16 @@ std::string knownReader(const Queue& queue, const QueueState& state) {
       name, last.process->id, last.process->name);
 }
 
+// Who took the last message off the queue to HubKeeper, where that was for certain not the one that is there; else nothing.
+std::string stolenBy(const QueueState& in, const HubState& hub) {
+  const LastUser taker = lastUser(in.receiver, in.lastReceive);
+  const bool known =
+      taker.user == User::gone ? hub.process.has_value() : taker.user == User::alive && taker.process->name != "?";
+  const pid_t id = taker.process ? taker.process->id : taker.id;
+  if (!known || id == getpid() || (hub.process && id == hub.process->id)) return "";
+  return fmt::format("HubKeeper has not taken its last message, but process {}", describeUser(taker));
+}
+
 }  // namespace
 
 void refuseBesideReader(const Queue& queue, bool force) {
@@ -54,6 +64,9 @@ std::string explainSilence() {
   if (in->messages > 0) {
     return fmt::format("queue 1002 holds {}, {} of {} bytes:\n{}", count(in->messages, "message"), in->bytes,
                        in->capacity, describeHub(hub));
+  }
+  if (const std::string thief = stolenBy(*in, hub); !thief.empty()) {
+    return fmt::format("queue 1002 is empty: {}\n{}", thief, describeHub(hub));
   }
   const LastUser other = out ? lastUser(out->receiver, out->lastReceive) : LastUser{};
   if (other.process && other.process->id != getpid()) {

@@ -79,7 +79,7 @@ hubkeeper_handle openInbound() {
 Session::Session(const SessionOptions& options)
     : inboundHandle(openInbound()),
       ridgelinkHandle{ridgelink.key, -1},
-      longest(longestMessage()),
+      longest(queueLimits().longest),
       patience(options.wait) {
   takeTurn(options.wait);
   tag = firstTag();
@@ -103,10 +103,13 @@ void Session::requireHub(bool answered) {
   const pid_t old = hubProcess;
   const auto state = lookAt(ridgelink);
   const bool replaced = state && state->sender != old;
-  if (!replaced && (answered || livingProcess(old))) return;
+  const bool lives = livingProcess(old).has_value();
+  if (!replaced && (answered || lives)) return;
   hubProcess = 0;
-  if (replaced && livingProcess(old)) {
-    throw HubLost(fmt::format("process {} sends on queue 1003 beside HubKeeper (process {})", state->sender, old));
+  if (replaced && lives) {
+    throw HubLost(
+        fmt::format("processes {} and {} both send on queue 1003: where two HubKeepers run, one of them must end", old,
+                    state->sender));
   }
   throw HubLost(replaced ? fmt::format("HubKeeper was started anew meanwhile: process {} took the place of {}",
                                        state->sender, old)

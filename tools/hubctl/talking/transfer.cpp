@@ -73,8 +73,9 @@ constexpr const char* compareAndKeep =
     "a=$r.hubctl-; n=$(wc -c <\"$r\"); h=$(sha256sum <\"$r\" 2>/dev/null); h=${h%% *}; "
     "kill -0 $PPID 2>/dev/null || exit; echo $n $h; "
     "if [ $n = $s ] && { [ -z \"$h\" ] || [ -z \"$w\" ] || [ $h = $w ]; }; then "
-    "c=$({ [ ! -f \"${a}old\" ] || { chown $(stat -c %u:%g \"${a}old\") \"$r\" && chmod $(stat -c %a \"${a}old\") "
-    "\"$r\"; }; } "
+    "c=$({ if [ ! -f \"${a}old\" ]; then [ -z \"$m\" ] || chmod $m \"$r\"; else chown $(stat -c %u:%g \"${a}old\") "
+    "\"$r\" && chmod $(stat -c %a \"${a}old\") "
+    "\"$r\"; fi; } "
     "2>&1); rm -f \"${a}old\" \"${a}new\" && echo kept && printf %s \"$c\"; fi";
 
 constexpr const char* sumUp =
@@ -234,7 +235,7 @@ Sum Transfer::sendChunks() {
 void Transfer::compare(Result& result) {
   showPassing("comparing size and SHA-256 on the board ...");
   finishing = true;
-  const std::string script = fmt::format("s={} w={}; ", result.here.bytes, result.here.sha256);
+  const std::string script = fmt::format("s={} w={} m={}; ", result.here.bytes, result.here.sha256, order.mode);
   // The end of a transfer costs HubKeeper a second, before it takes anything else.
   result.complaint = runScript(session, script + withPath(path, compareAndKeep), 1 + order.compareWait);
   showPassing("");

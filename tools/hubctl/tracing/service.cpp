@@ -59,12 +59,13 @@ std::optional<Service> findService() {
   std::map<pid_t, pid_t> parents;
   for (const pid_t id : everybody()) {
     const bool ours = statusLine(id, "Name:") == "hubkeeper" && lives(id) && sharesOurQueues(id);
-    if (ours) parents[id] = std::atoi(statusLine(id, "PPid:").c_str());
+    const std::string parent = ours ? statusLine(id, "PPid:") : "";
+    if (!parent.empty()) parents[id] = std::atoi(parent.c_str());  // 0 for a container's first process
   }
   // A command that the hub is just starting still has its name, and may have ended meanwhile.
   std::vector<pid_t> found;
   for (const auto& [id, parent] : parents) {
-    if (parent != 0 && !parents.contains(parent)) found.push_back(id);
+    if (!parents.contains(parent)) found.push_back(id);
   }
   if (found.empty()) return std::nullopt;
   if (found.size() == 1) return describe(found.front());
