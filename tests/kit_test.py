@@ -1,8 +1,9 @@
 """The Python module, the golden vectors and the examples, against each other, the public header and the service."""
-import json, os, random, re, shutil, subprocess, sys
+import itertools, json, os, random, re, shutil, subprocess, sys
 
 import board, pytest, sysv_ipc
 from board import TOP, until
+from hypothesis import HealthCheck, given, settings, strategies
 from hubkeeper import (Bounce, Bundle, CommandResult, Hub, Key, NoAnswer, NoQueue, Opcode, Packet, Peer,
                        PlaceTaken, Queue, Refused, StateNotice, TransferFailed, decode_message, protocol)
 
@@ -50,6 +51,24 @@ def test_vectors():
         assert walk == [{"payload": b"", **piece} for piece in one["pieces"]], one
         if [piece["good"] for piece in walk] != [True]:
             fails(ValueError, "", Packet.decode, one["bytes"])
+
+
+PACKETS = strategies.builds(Packet, strategies.integers(0, 255), strategies.integers(0, 65535), strategies.binary())
+
+
+@given(strategies.lists(PACKETS.map(bytes) | strategies.binary(max_size=9), max_size=9).map(b"".join))
+@settings(derandomize=True, database=None, deadline=None, suppress_health_check=list(HealthCheck), max_examples=200)
+def test_any_bytes(data):
+    pieces = list(itertools.islice(Bundle.walk(data), len(data) + 1))
+    parts = [bytes(Packet(p.opcode, p.tag, p.payload)) if p.good else data[p.offset:] for p in pieces]
+    assert b"".join(parts) == data and all(piece.good for piece in pieces[:-1])
+    assert [piece.offset for piece in pieces] == [len(data) - piece.remaining for piece in pieces]
+    if len(data) == 1 or (len(data) == 2 and any(data)) or [piece.good for piece in pieces] == [True]:
+        read = decode_message(data)
+        again = {Bounce: lambda: bytes([read.opcode]), StateNotice: lambda: read.state.to_bytes(2, "little")}
+        assert again.get(type(read), lambda: bytes(read))() == data
+    else:
+        fails(ValueError, "", decode_message, data)
 
 
 @pytest.mark.parametrize("kind, text, call", WRONG)

@@ -46,6 +46,7 @@ void readHeader(const std::string& reply, double seconds, Outcome& outcome) {
     throw Failure(fmt::format("the board's timeout could not run the command: status {}{}", tool,
                               tool == 127 ? ", it has no such program" : ""));
   }
+  if (!outcome.timedOut && (status < 0 || status > 255)) throw Failure(lost);
   outcome.status = outcome.timedOut ? statusOfTimeout : status;
   outcome.size = size;
 }
