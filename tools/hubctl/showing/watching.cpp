@@ -17,6 +17,11 @@ void showOnScreen(double interval, const std::function<std::vector<std::string>(
     std::vector<std::string> lines = {fmt::format("{}, every {:g} s; Ctrl-C ends", timeOfDay().substr(0, 8), interval),
                                       ""};
     for (std::string& line : make(size.columns)) lines.push_back(std::move(line));
+    if (const auto rows = static_cast<std::size_t>(size.rows); lines.size() > rows && rows > 0) {
+      const std::string rest = fmt::format("... and {} more", count(lines.size() - rows + 1, "line"));
+      lines.resize(rows - 1);
+      lines.push_back(inked(Ink::dim, rest));
+    }
     screen.show(lines, size);
     const Clock::time_point next = after(interval);
     while (!stopWanted() && Clock::now() < next && terminalSize() == size) nap(std::min(0.1, -secondsSince(next)));
