@@ -42,7 +42,12 @@ static void require(bool holds) { holds ? void() : std::abort(); }
 extern "C" {
 int __wrap_isatty(int) { return terminal ? 1 : 0; }
 int __wrap_msgget(key_t key, int) { return key; }
-int __wrap_msgctl(int, int, msqid_ds* state) { return *state = {}, state->msg_qbytes = 16384, 0; }
+int __wrap_msgctl(int, int command, msqid_ds* state) {
+  if (command == IPC_STAT) return *state = {}, state->msg_qbytes = 16384, 0;
+  msginfo limits = {};
+  limits.msgmax = 8192;
+  return *reinterpret_cast<msginfo*>(state) = limits, 0;
+}
 std::FILE* __wrap_popen(const char*, const char*) { return nullptr; }
 
 int __wrap_msgsnd(int, const void* message, std::size_t size, int) {
