@@ -1,5 +1,5 @@
 """The Python module, the golden vectors and the examples, against each other, the public header and the service."""
-import itertools, json, os, random, re, shutil, subprocess, sys
+import doctest, itertools, json, os, random, re, shutil, subprocess, sys
 
 import board, pytest, sysv_ipc
 from board import TOP, until
@@ -38,6 +38,8 @@ def fails(kind, text, call, *arguments):
 
 
 def test_vectors():
+    documented = doctest.testmod(protocol)
+    assert documented.failed == 0 < documented.attempted
     for one in VECTORS["packets"] + VECTORS["builds"]:
         fields = one["opcode"], one["tag"], one["payload"]
         if "refused" in one:
