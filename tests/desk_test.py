@@ -103,6 +103,7 @@ def test_shown():
 1 | cannot read /nowhere: No such        | hubctl log /nowhere
 1 | cannot read /media: Is a directory   | hubctl log /media
 2 | "yesterday" is no time               | hubctl log --since yesterday
+2 | "2026-02-30" is no time              | hubctl log --since 2026-02-30
 2 | no priority "LOUD"                   | hubctl log --priority loud
 2 | --grep \(: Unmatched                 | hubctl log --grep '('
 2 | --explain is for people              | hubctl log --explain --json

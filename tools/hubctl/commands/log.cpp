@@ -43,6 +43,13 @@ LogTime asLogTime(const std::tm& time) {
   return ((date * 100 + time.tm_hour) * 100 + time.tm_min) * 100 + time.tm_sec;
 }
 
+// strptime(3) takes the 30th of February; mktime(3) makes another day of it.
+bool isInCalendar(std::tm time) {
+  const int day = time.tm_mday;
+  time.tm_isdst = -1;
+  return std::mktime(&time) != -1 && time.tm_mday == day;
+}
+
 LogTime readSince(const std::string& text) {
   const std::time_t now = std::time(nullptr);
   std::tm time = {};
@@ -59,7 +66,7 @@ LogTime readSince(const std::string& text) {
     localtime_r(&now, &time);
     time.tm_hour = time.tm_min = time.tm_sec = 0;
     const char* end = strptime(text.c_str(), format, &time);
-    if (end != nullptr && *end == '\0') return asLogTime(time);
+    if (end != nullptr && *end == '\0' && isInCalendar(time)) return asLogTime(time);
   }
   throw WrongUsage(
       fmt::format("\"{}\" is no time: \"22 Nov 2026 21:51:04\", 2026-11-22T21:51, 21:51 or 10m, say", text));

@@ -71,9 +71,10 @@ int play(const Options& options) {
       const auto message = wanted() ? takeNext(peer) : std::nullopt;
       if (!message) continue;
       ++taken;
-      const Piece piece = split(*peer.queue, *message).front();
-      options.json ? printPieceJson(*peer.queue, piece)
-                   : printer.print(fmt::format("{}  {:<12}", timeOfDay(), peer.queue->name), piece);
+      for (const Piece& piece : split(*peer.queue, *message)) {
+        options.json ? printPieceJson(*peer.queue, piece)
+                     : printer.print(fmt::format("{}  {:<12}", timeOfDay(), peer.queue->name), piece);
+      }
     }
     flushOutput();
     if (taken == before) nap(0.01);
@@ -88,7 +89,7 @@ Action addPeers(CLI::App& app) {
   addArgument(app, "NAME", options->names, "Whose queue, as in \"hubctl queues\" (default all)");
   addNumber(app, "-n,--number", options->most, "N", 1, "Stop after N messages; otherwise at Ctrl-C");
   app.add_flag("--force", options->force, "Go ahead beside the real process");
-  app.add_flag("--json", options->json, "Print each message as one JSON object");
+  app.add_flag("--json", options->json, "Print each Packet as one JSON object");
   app.footer("For the bench: what is printed has been taken, and reaches no other process.");
   return [options] { return play(*options); };
 }
