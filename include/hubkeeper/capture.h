@@ -25,21 +25,25 @@
 
 /** What a record tells of, and what its result, value and duration then are. */
 enum hubkeeper_capture_kind {
-  /* Messages. result: the bytes received, 0 for a message sent, or the error as a negative errno: lost. value: the mtype.
-     lasted: how long the call took; for one received this is how long the hub waited for it. */
+  /* Messages. result: the bytes received, 0 for a message sent, or the error as a negative errno: the message was lost, or
+     nothing was received. value: the mtype. lasted: how long the call took; for a receive, how long the hub waited. */
   HUBKEEPER_CAPTURE_IN = 1,      /* a Bundle to the hub */
   HUBKEEPER_CAPTURE_BOUNCE = 2,  /* one byte to Ridgelink */
   HUBKEEPER_CAPTURE_REPLY = 3,   /* any other message to Ridgelink */
   HUBKEEPER_CAPTURE_FORWARD = 4, /* a Packet to another peer */
-  /* What happened besides. None of them has a text. */
-  HUBKEEPER_CAPTURE_OPENED =
-      5, /* the hub opened a queue; result: its id or a negative errno, value: its owner's user id */
-  HUBKEEPER_CAPTURE_COMMAND =
-      6,                      /* a process of the hub's ended; result: as wait(2) tells it, lasted: how long it ran */
-  HUBKEEPER_CAPTURE_FULL = 7, /* the queue to the hub stands full; result: bytes in it, value: bytes that it may hold.
-                                     Once more when it no longer does, and then lasted tells how long it was so */
-  HUBKEEPER_CAPTURE_ATTACHED = 8, /* from here on a hub is traced; result: its process, value: its user id */
-  HUBKEEPER_CAPTURE_ENDED = 9     /* it has ended; result: as wait(2) tells it */
+  /* What happened besides; none of it has a text.
+       OPENED    result: the id of the queue, or a negative errno; value: its owner's user id, -1 where that is not known;
+                 lasted: how long the call took.
+       COMMAND   A process of the hub's has ended. result: as wait(2) tells it; lasted: how long the hub waited for it.
+       FULL      The queue to the hub has no room for another message like the last one. result: bytes in it; value: bytes
+                 that it may hold; lasted: 0. Once more when it is less than half full: lasted tells how long that took.
+       ATTACHED  From here on a hub is traced. result: its process; value: its user id.
+       ENDED     It has ended. result: as wait(2) tells it. */
+  HUBKEEPER_CAPTURE_OPENED = 5,
+  HUBKEEPER_CAPTURE_COMMAND = 6,
+  HUBKEEPER_CAPTURE_FULL = 7,
+  HUBKEEPER_CAPTURE_ATTACHED = 8,
+  HUBKEEPER_CAPTURE_ENDED = 9
 };
 
 struct hubkeeper_capture {

@@ -22,7 +22,7 @@
 /* Two blocks of memory that do not overlap; C++ knows the word only as an extension of its compilers. */
 #if !defined(__cplusplus)
 #define HUBKEEPER_RESTRICT restrict
-#elif defined(__GNUC__) || defined(_MSC_VER)
+#elif defined(__GNUC__)
 #define HUBKEEPER_RESTRICT __restrict
 #else
 #define HUBKEEPER_RESTRICT
@@ -35,7 +35,7 @@
 #define HUBKEEPER_BUNDLE_MAX 8192 /* the text of one message to HubKeeper */
 #define HUBKEEPER_COMMAND_MAX 999 /* characters of a command's text, the NUL that ends it not counted */
 
-/* Keys of the queues, for msgget(2). Each is told by the one who fills or drains it. */
+/* Keys of the queues, for msgget(2). Each is named after the peer that fills or drains it, but for INBOUND: to HubKeeper. */
 #define HUBKEEPER_KEY_INBOUND 1002
 #define HUBKEEPER_KEY_NETSTEWARD 1000
 #define HUBKEEPER_KEY_CLOCKSTEWARD 1011

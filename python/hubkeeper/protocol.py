@@ -35,7 +35,7 @@ _LENGTH_MAX = 0xFFFF
 
 
 class Key(IntEnum):
-    """The keys of the queues, for msgget(2). Each is told by the one who fills or drains it."""
+    """The keys of the queues, for msgget(2). Each is named after the peer that drains it; INBOUND is HubKeeper's."""
 
     INBOUND = 1002
     NETSTEWARD = 1000

@@ -7,16 +7,16 @@
 
 std::uint8_t clockstewardEnabled = 1;
 
-static void allow(std::uint8_t value) { std::atomic_ref(clockstewardEnabled).store(value, std::memory_order_relaxed); }
+static void setEnabled(std::uint8_t value) { std::atomic_ref(clockstewardEnabled).store(value, std::memory_order_relaxed); }
 
 void handleClockstewardDisable() {
   messagesChannel.warn() << "Clocksteward application has been disabled";
   // Before the kill, or the monitor could restart it in between.
-  allow(0);
+  setEnabled(0);
   static_cast<void>(std::system("pkill clocksteward &"));
 }
 
 void handleClockstewardEnable() {
   messagesChannel.warn() << "Clocksteward application has been enabled";
-  allow(1);
+  setEnabled(1);
 }

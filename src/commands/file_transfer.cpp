@@ -15,10 +15,19 @@ std::string transferFileName;
 
 static bool transferFileIsOpen() { return transferFile != nullptr && fcntl(fileno(transferFile), F_GETFD) != -1; }
 
+static void closeTransferFile() {
+  static_cast<void>(std::fseek(transferFile, 0, SEEK_SET));
+  const int closed = std::fclose(transferFile);
+  transferFile = nullptr;
+  if (closed == 0) return;
+  messagesChannel.error() << "HubKeeper: Failed to close file";
+  endProcess();
+}
+
 void openTransferPlaceholder() { transferFile = openFile("bad_file", "ab+"); }
 
 void handleTransferStart(const std::uint8_t* packet, std::uint16_t length) {
-  if (!wholeFrame.hold(length)) return;
+  if (!wholeFrame.include(length)) return;
   if (transferActive == 1) {
     messagesChannel.error() << "HubKeeper: Two transfers started";
     return;
@@ -36,7 +45,7 @@ void handleTransferStart(const std::uint8_t* packet, std::uint16_t length) {
 }
 
 void handleTransferChunk(const std::uint8_t* packet, std::uint16_t length) {
-  if (!wholeInBundle.hold(length)) return;
+  if (!wholeInBundle.include(length)) return;
   if (!transferFileIsOpen() || transferActive == 0) {
     messagesChannel.error() << "HubKeeper: Tried to write bad app file";
     return;
@@ -46,17 +55,11 @@ void handleTransferChunk(const std::uint8_t* packet, std::uint16_t length) {
 }
 
 void handleTransferEnd(const std::uint8_t* packet, std::uint16_t length) {
-  if (!wholeFrame.hold(length)) return;
+  if (!wholeFrame.include(length)) return;
   sleep(1);  // before any test, also for a stray end Packet
   transferActive = 0;
   if (transferFileIsOpen()) {
-    static_cast<void>(std::fseek(transferFile, 0, SEEK_SET));
-    const int closed = std::fclose(transferFile);
-    transferFile = nullptr;
-    if (closed != 0) {
-      messagesChannel.error() << "HubKeeper: Failed to close file";
-      endProcess();
-    }
+    closeTransferFile();
   } else {
     messagesChannel.error() << "HubKeeper: Tried to close bad app file";
   }

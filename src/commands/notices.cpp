@@ -46,5 +46,5 @@ int setState(int state) {
 void sendSwPackage(int selector) {
   const std::string name = findPackageName();
   sendPacket(packageNoticeSend, 0, selector == 0 ? HUBKEEPER_OPCODE_PACKAGE : HUBKEEPER_OPCODE_PACKAGE_OTHER,
-             reinterpret_cast<const std::uint8_t*>(name.data()), static_cast<int>(name.size()));
+             reinterpret_cast<const std::uint8_t*>(name.data()), name.size());
 }

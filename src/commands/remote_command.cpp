@@ -22,7 +22,7 @@ const char* commandText(const std::uint8_t* packet) {
 void refuse(std::uint16_t tag, const char* reason) {
   messagesChannel.error() << reason;
   sendPacket(commandReplySend, tag, HUBKEEPER_OPCODE_COMMAND_REPLY, reinterpret_cast<const std::uint8_t*>(reason),
-             static_cast<int>(std::strlen(reason)));
+             std::strlen(reason));
 }
 
 void sendResponse(std::uint16_t tag) {
@@ -35,7 +35,7 @@ void sendResponse(std::uint16_t tag) {
   const std::size_t size = std::fread(output, 1, sizeof output, response);
   std::fclose(response);
   if (size == 0) messagesChannel.error() << "HubKeeper: unable to read " << responsePath;
-  sendPacket(commandReplySend, tag, HUBKEEPER_OPCODE_COMMAND_REPLY, output, static_cast<int>(size));
+  sendPacket(commandReplySend, tag, HUBKEEPER_OPCODE_COMMAND_REPLY, output, size);
 }
 
 }  // namespace

@@ -20,7 +20,7 @@ struct Received {
 };
 
 struct Route {
-  hubkeeper_route range;
+  hubkeeper_route name;
   const Lengths* lengths;  // null: the Packet's length plays no part
   void (*act)(const Received& received);
 };
@@ -63,11 +63,11 @@ constexpr Route routes[] = {
 
 constexpr bool standInOrder() {
   for (std::size_t place = 0; place < std::size(routes); ++place) {
-    if (routes[place].range != place) return false;
+    if (routes[place].name != place) return false;
   }
   return std::size(routes) == HUBKEEPER_ROUTE_NONE;
 }
-static_assert(standInOrder(), "a route is found by its range: each has its row, in the order of hubkeeper_route");
+static_assert(standInOrder(), "a route is found by its name: each has its row, in the order of hubkeeper_route");
 
 struct HexText {
   char digits[3];
@@ -89,10 +89,10 @@ void logBadLength(const Received& received) {
                           << static_cast<int>(received.remaining);
 }
 
-bool lengthHolds(const Route& route, const Received& received) {
+bool mayAct(const Route& route, const Received& received) {
   if (route.lengths == nullptr) return true;
   const std::uint16_t length = received.header.length;
-  return route.lengths->hold(length) && length <= received.remaining;
+  return route.lengths->include(length) && length <= received.remaining;
 }
 
 }  // namespace
@@ -102,8 +102,8 @@ void dispatchPacket(const std::uint8_t* packet, std::uint16_t remaining) {
   const std::uint8_t opcode = received.header.opcode;
   sendMessage(bounceSend, &opcode, 1);
 
-  const hubkeeper_route range = hubkeeper_find_opcode(opcode)->route;
-  if (range == HUBKEEPER_ROUTE_NONE) return logBadOpcode(opcode);
-  if (!lengthHolds(routes[range], received)) return logBadLength(received);
-  routes[range].act(received);
+  const hubkeeper_route route = hubkeeper_find_opcode(opcode)->route;
+  if (route == HUBKEEPER_ROUTE_NONE) return logBadOpcode(opcode);
+  if (!mayAct(routes[route], received)) return logBadLength(received);
+  routes[route].act(received);
 }

@@ -1,4 +1,4 @@
-// What becomes of a received Packet: the bounce, then the first row of the table of routes that holds its opcode.
+// What becomes of a received Packet: the bounce, then what the table of routes has for its opcode's range.
 // Everything here runs on the inbound thread, one Packet at a time.
 #pragma once
 

@@ -27,7 +27,7 @@ std::int32_t logCommandOutput(const std::string& command) {
   }
   // A piece keeps its newline, so behind a whole line of output stands a log line without text.
   char piece[128];
-  while (std::fgets(piece, sizeof piece, output) != nullptr) messagesChannel.info() << static_cast<const char*>(piece);
+  while (std::fgets(piece, sizeof piece, output) != nullptr) messagesChannel.info() << piece;
   return pclose(output);
 }
 

@@ -28,8 +28,8 @@ void takeBundle(const std::uint8_t* text, ssize_t size) {
 }
 
 // A message longer than the receive area fails every receive and stays where it is; taking it off cut short, unread,
-// makes it cost one failure line and not an endless loop. Somebody else may have taken it meanwhile: what comes then
-// and leaves the byte of room that this buffer has more is a whole Bundle, and no less welcome.
+// makes it cost one failure line and not an endless loop. Somebody else may have taken it meanwhile; then the next
+// message comes instead. If that leaves this buffer's extra byte free, it is whole, and is walked.
 void discardOversized() {
   struct {
     long mtype;

@@ -18,7 +18,7 @@ namespace {
 
 constexpr int messagesLogPriority = 600;  // INFO
 
-// A closed one would go to the next file that is opened. Lines for the console would then stand twice in the log, and
+// A standard descriptor that is closed would go to the next file that is opened. Lines for the console would then stand twice in the log, and
 // those of perror(3) in a file that Ridgelink transfers.
 void holdStandardDescriptors() {
   int descriptor = open("/dev/null", O_RDWR);

@@ -17,7 +17,7 @@ int buildPacket(std::uint8_t* buffer, std::uint16_t* lengthWord, std::uint16_t t
 struct Lengths {
   std::uint16_t least;
   std::uint16_t most;
-  constexpr bool hold(std::uint16_t length) const { return length >= least && length <= most; }
+  constexpr bool include(std::uint16_t length) const { return length >= least && length <= most; }
 };
 constexpr Lengths anyFrame{0, HUBKEEPER_PACKET_MAX};  // a forward sends even a header cut short, as it came
 constexpr Lengths wholeFrame{HUBKEEPER_HEADER_SIZE, HUBKEEPER_PACKET_MAX};

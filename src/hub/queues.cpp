@@ -55,8 +55,6 @@ constexpr bool standInOrder() {
 }
 static_assert(standInOrder(), "a row is found by its name, so rows and names stand in the same order");
 
-const QueueRow& rowOf(hubkeeper_queue_index queue) { return queues[queue]; }
-
 // Reads the queue's state into `stats` and logs its size; after a failure the size is 0.
 void logNetstewardSize(msqid_ds& stats) {
   std::memset(&stats, 0, sizeof stats);
@@ -81,9 +79,9 @@ void enlargeNetstewardQueue() {
 
 }  // namespace
 
-int handleOf(hubkeeper_queue_index queue) { return *rowOf(queue).handle; }
+int handleOf(hubkeeper_queue_index queue) { return *queues[queue].handle; }
 
-int openQueue(hubkeeper_queue_index queue) { return *rowOf(queue).handle = msgget(rowOf(queue).key, openFlags); }
+int openQueue(hubkeeper_queue_index queue) { return *queues[queue].handle = msgget(queues[queue].key, openFlags); }
 
 void createQues() {
   messagesChannel.info() << "HubKeeper Attempting to createQues";

@@ -7,7 +7,7 @@
 // Handles: what the latest msgget(2) returned, -1 included. Written by createQues and openQueue.
 extern int inboundQueue;       // from Ridgelink: read by the receive loop
 extern int netstewardQueue;    // the only enlarged queue
-extern int clockstewardQueue;  // this and those below are used by the sends alone
+extern int clockstewardQueue;
 extern int chroniclerQueue;
 extern int stagehandQueue;
 extern int ridgelinkQueue;

@@ -151,7 +151,8 @@ void countFailure(const SendKind& kind) {
   if (count == lastLoggedFailure) messagesChannel.error() << kind.failedLast;
 }
 
-// `error` is errno as msgsnd(2) left it. What is told at the end is the latest reason.
+// `error` is errno as msgsnd(2) left it. perror(3) tells why it failed, or why the queue
+// could not be opened anew where that failed too.
 void reopen(const SendKind& kind, int error) {
   const bool reopened = openQueue(kind.queue) != -1;
   if (!reopened) {
@@ -184,14 +185,16 @@ bool sendMessage(const SendKind& kind, const std::uint8_t* text, std::uint16_t s
   QueueMessage ownFrame;
   QueueMessage& frame = kind.frame != nullptr ? *kind.frame : ownFrame;
   std::memset(&frame, 0, sizeof frame);
+  // Not memcpy: since the size is known to be 512 at most, the compiler expands that to a slower string instruction.
   std::copy_n(text, size, frame.mtext);
-  frame.mtype = 1;
+  frame.mtype = HUBKEEPER_MTYPE;
   return account(kind, msgsnd(handleOf(kind.queue), &frame, size, IPC_NOWAIT) == 0);
 }
 
 void sendPacket(const SendKind& kind, std::uint16_t tag, std::uint8_t opcode, const std::uint8_t* payload,
-                int payloadLength) {
+                std::size_t payloadSize) {
   std::uint8_t packet[HUBKEEPER_PACKET_MAX];
   std::uint16_t length = HUBKEEPER_PACKET_MAX;
-  if (buildPacket(packet, &length, tag, opcode, payload, payloadLength) == 1) sendMessage(kind, packet, length);
+  if (buildPacket(packet, &length, tag, opcode, payload, static_cast<int>(payloadSize)) == 1)
+    sendMessage(kind, packet, length);
 }

@@ -43,7 +43,7 @@ extern const SendKind stateNoticeSend;
 /// result. True when the message went out.
 bool sendMessage(const SendKind& kind, const std::uint8_t* text, std::uint16_t size);
 
-/// Builds a Packet from `payloadLength` bytes and sends it as sendMessage does; more than 507 are refused, as
+/// Builds a Packet from `payloadSize` bytes and sends it as sendMessage does; more than 507 are refused, as
 /// buildPacket refuses them.
 void sendPacket(const SendKind& kind, std::uint16_t tag, std::uint8_t opcode, const std::uint8_t* payload,
-                int payloadLength);
+                std::size_t payloadSize);

@@ -110,8 +110,9 @@ void LogChannel::setFile(const bool& on) {
 
 void LogChannel::setPath(const std::string& directory) {
   path = directory;
-  switchSink(name, fileAppender, false, pattern, [] { return nullptr; });
-  setFile(file);
+  const bool wanted = file;
+  setFile(false);  // closes the file in the old place
+  setFile(wanted);
 }
 
 void LogChannel::setPattern(const std::string& conversion) {
