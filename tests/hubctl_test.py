@@ -325,7 +325,7 @@ def test_whose_number_it_is(hub):
     reader = subprocess.Popen(["/usr/bin/python3", "-c", reads], stdin=subprocess.PIPE, stdout=subprocess.PIPE)
     put(b"\0", "N"), reader.stdout.readline(), put(b"\0", "N")
     assert "!" not in shell("hubctl queues")
-    until(lambda: re.search("busy or stuck; newest message [5-9] s old", shell("hubctl queues")))
+    until(lambda: re.search("busy or stuck; newest message ([5-9]|[0-9]{2,}) s old", shell("hubctl queues")))
     pathlib.Path("/tmp/stat").write_text(re.sub("btime .*", "btime 9999999999", open("/proc/stat").read()))  # the clock is set
     see(0, rf" {reader.pid}\? .*! netsteward: [^!]*has the number of the last reader",
         "unshare --user --map-root-user --mount sh -c 'mount --bind /tmp/stat /proc/stat; hubctl queues'")
@@ -359,7 +359,6 @@ def test_no_answer(hub):
     """Why, and nothing is left behind that would be carried out later."""
     busy = "busy" if EXTRA_THREAD else r"busy with a command, process \d+ \(sleep\)\n.*kill \d+"
     see(255, f"no answer within 0.5 s.*{busy}", "hubctl run -w 0.5 sleep 1000")
-    see(0, "inbound: not drained|^((?!!).)*$", "hubctl queues")
     shell("kill $(ps -eo pid,args | grep '[s]leep 1000' | sed 's/^ *//; s/ .*//')")
     until(lambda: "1 answered" in shell("hubctl ping -c 1 -w 1"))
     long = start("run", "-w", "0.1", "echo " + "x" * 90000)
@@ -396,7 +395,7 @@ def test_output_that_cannot_be_written(hub):
     for words in ("run echo x", "queues", "queues --json", "raw -w 0.1 0500000004", "peek inbound", "--version", "peers -n 1", "help"):
         put(texts("01")[0])
         for where in (">/dev/full", ">&-"):
-            see(255 if words[:3] == "run" else 1, "^$|cannot write ", f"hubctl {words} {where}")
+            see(255 if words[:3] == "run" else 1, "cannot write ", f"hubctl {words} {where}")
     for words, status in (("bogus", 2), ("version -w 0.1", 1), ("run true", 255)):
         see(status, "^$", f"hubctl {words} 2>/dev/full >&2"), see(status, "^$", f"hubctl {words} 2>&- >/dev/null")
 
@@ -404,7 +403,8 @@ def test_output_that_cannot_be_written(hub):
 @pytest.mark.skipif(SANITIZED, reason="slower than the tour's naps")
 def test_tour():
     built = os.path.dirname(os.environ["HUBCTL"]) + "/../.."
-    see(0, "That was the tour", f"HUBKEEPER_TOUR={built} {TOP}/scripts/demo --quick >tour 2>&1; cat tour")
+    shown = see(0, "That was the tour", f"HUBKEEPER_TOUR={built} {TOP}/scripts/demo --quick >tour 2>&1; cat tour")
+    assert re.findall(r"\(exit status (\d+)\)", shown) == ["1"]  # of the configuration with traps
 
 
 def test_configurations():

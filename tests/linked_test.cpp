@@ -96,7 +96,7 @@ TEST_F(Linked, NoticesGoToRidgelink) {
   }
   EXPECT_EQ(setState(0), 0);
   EXPECT_EQ(lines(), Lines{"ERROR HubKeeper: ARM not allowed to set it's own state to 0, kWirepathArmState_RESET"});
-  // The only file in the directory, the selector, the opcode and the name that are sent, the line.
+  // What is first found in the directory, the selector, the opcode and the name that are sent, the line.
   const Bytes invalid = "ERROR HubKeeper ERROR: No valid package in directory: /var/staging/";
   const auto held = [] { return std::distance(std::filesystem::directory_iterator("/proc/self/fd"), {}); };
   const auto before = held();
@@ -106,7 +106,7 @@ TEST_F(Linked, NoticesGoToRidgelink) {
                                                      {"vlow", 1, '\x8A', invalid.c_str()}}) {
     std::filesystem::remove_all("/var/staging");
     std::filesystem::create_directory("/var/staging");
-    std::ofstream("/var/staging/" + Bytes(file));
+    for (const Bytes& name : {Bytes("rest"), Bytes(file)}) std::ofstream("/var/staging/" + name);  // read in reverse
     sendSwPackage(selector);
     const Bytes sent = taken(ridgelinkQueue).at(0);
     EXPECT_EQ(sent.substr(0, 5), (Bytes{static_cast<char>(sent.size()), 0, 0, 0, opcode}));

@@ -99,7 +99,8 @@ TEST_F(Logging, SinksComeAndGo) {
   held = channel;
   channel.info() << "1";
   for (const char* directory : {"/tmp/a", "/tmp/b"}) std::filesystem::create_directory(directory);
-  for (int i = 0; i < 2; ++i) channel.setFile(false);
+  manager->setFile(false);
+  channel.setFile(false);
   channel.setPath("/tmp/b");  // with the file off, a path only waits
   EXPECT_FALSE(std::filesystem::exists("/tmp/b/my_log.log"));
   channel.setPath("/tmp/a");
@@ -112,7 +113,7 @@ TEST_F(Logging, SinksComeAndGo) {
   EXPECT_EQ(openFiles(), 1);
   channel.setConsole(true);
   held.info() << "4";
-  channel.setConsole(false);  // the sink is the category's, so the copy falls silent too
+  manager->setConsole(false);  // the sink is the category's, so the copy falls silent too
   held.info() << "5";
   EXPECT_EQ(console.str(), "1\n[2]\n[3]\n[4]\n");
   EXPECT_EQ(readFile("/tmp/a/my_log.log") + readFile("/tmp/b/my_log.log"), "[2]\n[3]\n[4]\n[5]\n");

@@ -205,6 +205,7 @@ def test_dead_services_come_back_and_clocksteward_only_while_allowed():
         return [f"ERROR HubKeeper: service {name} has stopped running", f"INFO Successfully restarted {name}"]
 
     tick = story("")
+    switched = [f"WARN Clocksteward application has been {state}" for state in ("disabled", "enabled")]
     with Hub("-1", ready=False) as hub:
         put(text('70"tmp/transfer "'))  # one more descriptor that must not be inherited
         pathlib.Path("/tmp/go").touch()
@@ -230,10 +231,9 @@ def test_dead_services_come_back_and_clocksteward_only_while_allowed():
         cycle(), cycle()
         assert not find(clocksteward)
         put(text("76"))
-        until(lambda: hub.console()[-1].endswith("has been enabled"))
+        until(lambda: switched[1] in hub.console())
         cycle()
         until(find, clocksteward)
-        switched = [f"WARN Clocksteward application has been {state}" for state in ("disabled", "enabled")]
         assert [line for line in hub.said() if line not in tick and line[:3] not in ("sle", "sh:")] == [
             *story(alpha), *story(beta), *story(clocksteward), *switched, *story(clocksteward)]
         until(lambda: held(hub) == before)
@@ -257,7 +257,7 @@ def test_a_thousand_of_each_request_leave_nothing_behind():
             resident = 1024 * int(re.search(r"Anonymous: +(\d+)", open(f"/proc/{hub.pid}/smaps_rollup").read())[1])
             return held(hub), shell(f"ls /proc/{hub.pid}/task | wc -l; pgrep -P {hub.pid}"), 0 if SANITIZED else resident
         requests = [text(word) for word in ("04 01 20 30 60 63 " + r'63"true\00" 63"touch{1000}" 70"tmp/f\00" 70 71"x" 72 75 76').split()]
-        for request in requests + requests[-3:]:
+        for request in [*requests, text("72")]:
             for count in 50, 1000:
                 for _ in range(count // 50):
                     for letter in KEYS:

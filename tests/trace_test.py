@@ -133,14 +133,15 @@ def test_nobody_notices():
         for number in [signal.SIGINT] * attaches + [signal.SIGKILL] * kills:
             Trace().end(number)
         done.append(True)
-        assert talker.result() > attaches and hub.said() == []
+        unconfigured = {"ERROR Failed to open config file", "ERROR Failed to parse config file"}  # said after 40 s
+        assert talker.result() > attaches and {*hub.said()} <= unconfigured
         for request, answer, letter in ('63"sleep 1\\00"', "90", "R"), ("72", "72", "S"):
             began = time.monotonic()
             put(text(request)), take("R", 1)
             while time.monotonic() - began < 0.9:
                 Trace().end()
             assert take(letter, 1) == [text(answer)] and 1 < time.monotonic() - began
-        assert len(hub.said()) == 2 and hub.process.poll() is None
+        assert len({*hub.said()} - unconfigured) == 2 and hub.process.poll() is None
 
 
 def test_restarts_are_followed():
@@ -171,6 +172,7 @@ def test_refusals():
         trace = Trace()
         for status, sentence, words in (row.split(" | ") for row in REFUSALS.strip().split("\n")):
             second = Hub(ready=False) if sentence[0] == "2" else None
+            assert second is None or until(lambda: "hubkeeper" in open(f"/proc/{second.pid}/comm").read())
             done = run(*words.split())
             assert done.returncode == int(status) and sentence.strip() in done.stderr.replace("\n       ", ""), (words, done)
             assert second is None or second.__exit__() is None
@@ -260,7 +262,7 @@ def test_others_read_it():
         frames.setdefault(key := (line["nanoseconds"], line["what"]), []).append(line)
         began.setdefault(line.get("packet"), list(frames).index(key) + 2)
     assert tcpdump("/tmp/real.pcap")[1:] == [time for time, _ in frames]
-    for frame, row in zip(frames.values(), tshark("/tmp/real.pcap")[1:]):
+    for frame, row in zip(frames.values(), tshark("/tmp/real.pcap")[1:], strict=True):
         if "kind" not in (first := frame[0]):
             continue
         names = [line["name"] if "name" in line else {"bad": "no Packet"}[line["kind"]] for line in frame]

@@ -76,6 +76,8 @@ $ tr -d z <'/tmp/a b'; wc -c <'/tmp/a b'; ls /tmp/c | one\008004\0a
 70"tmp/e\00rest"     | .70 S 70"tmp/e\00rest"
 71"E"                | .71
 72                   | .72 S 72                 | slept 1
+$ mkfifo /tmp/p => 70"tmp/p\00" | .70 S 70"tmp/p\00"
+72                   | .72 S 72                 | slept 1
 70"dX" 71"D" 72      | .70 .71 .72 S 70"dX" 72  | slept 1
 $ cat /run/bad_file /tmp/e /d; rm /d | ED
 70"tmp/{502}f "      | .70 S 70"tmp/{502}f "

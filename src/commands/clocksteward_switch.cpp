@@ -7,7 +7,9 @@
 
 std::uint8_t clockstewardEnabled = 1;
 
-static void setEnabled(std::uint8_t value) { std::atomic_ref(clockstewardEnabled).store(value, std::memory_order_relaxed); }
+static void setEnabled(std::uint8_t value) {
+  std::atomic_ref(clockstewardEnabled).store(value, std::memory_order_relaxed);
+}
 
 void handleClockstewardDisable() {
   messagesChannel.warn() << "Clocksteward application has been disabled";

@@ -5,8 +5,8 @@
 #include <hubkeeper/protocol.h>
 
 // Handles: what the latest msgget(2) returned, -1 included. Written by createQues and openQueue.
-extern int inboundQueue;       // from Ridgelink: read by the receive loop
-extern int netstewardQueue;    // the only enlarged queue
+extern int inboundQueue;     // from Ridgelink: read by the receive loop
+extern int netstewardQueue;  // the only enlarged queue
 extern int clockstewardQueue;
 extern int chroniclerQueue;
 extern int stagehandQueue;

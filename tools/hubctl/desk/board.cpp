@@ -11,7 +11,6 @@
 #include <cstring>
 #include <filesystem>
 #include <fstream>
-#include <iterator>
 #include <sstream>
 
 #include "base/failure.h"
@@ -144,18 +143,23 @@ QueueFacts lookAtQueue(const Queue& queue) {
 
 ConfigFacts lookAtConfig() {
   ConfigFacts config;
-  errno = 0;
-  std::ifstream file(serviceConfigPath, std::ios::binary);
-  const std::string content{std::istreambuf_iterator<char>(file), {}};
   struct stat state = {};
-  const bool directory = stat(serviceConfigPath, &state) == 0 && !S_ISREG(state.st_mode);
-  if (!file.is_open() || directory) {
-    config.missing = errno == ENOENT || errno == ENOTDIR;
-    config.forbidden = errno == EACCES;
-    config.unread = directory ? "it is no file" : std::strerror(errno);
+  const bool regular = stat(serviceConfigPath, &state) == 0 && S_ISREG(state.st_mode);
+  if (state.st_mode != 0 && !regular) {  // to open a FIFO would wait
+    config.unread = "it is no file";
     return config;
   }
-  config.verdict = judgeConfig(content, true);
+  errno = 0;
+  std::ifstream file(serviceConfigPath, std::ios::binary);
+  if (!file.is_open()) {
+    config.missing = errno == ENOENT || errno == ENOTDIR;
+    config.forbidden = errno == EACCES;
+    config.unread = std::strerror(errno);
+    return config;
+  }
+  std::ostringstream content;
+  content << file.rdbuf();
+  config.verdict = judgeConfig(content.str(), true);
   config.age = std::difftime(std::time(nullptr), state.st_mtime);
   return config;
 }

@@ -61,9 +61,11 @@ bool isHub(const Process& process, Queues whose) {
 }
 
 // Seconds from the machine's start to that of a process or thread: the 22nd field, behind a name that may hold anything.
+// 0 where that cannot be read: read(2) fails (ESRCH) when it has just ended, which an iterator over the file would throw.
 std::time_t startSeconds(pid_t id) {
   std::ifstream file(fmt::format("/proc/{}/stat", id));
-  const std::string line{std::istreambuf_iterator<char>(file), {}};
+  std::string line;
+  std::getline(file, line, '\0');
   std::istringstream fields(line.substr(std::min(line.size(), line.rfind(')') + 1)));
   std::string field;
   for (int number = 3; number <= 22; ++number) fields >> field;
@@ -134,10 +136,12 @@ bool clockSetSince(std::time_t when) { return when < bootTime() || when > std::t
 
 LastUser lastUser(pid_t id, std::time_t when) {
   if (id == 0) return {when == 0 ? User::none : User::unseen, 0, {}};
+  const std::time_t start =
+      startSeconds(id);  // before the question whether it lives, or its end in between would tell 0
   const auto process = livingProcess(id);
   if (!process) return {User::gone, id, {}};
   if (clockSetSince(when)) return {User::doubtful, id, process};
-  if (bootTime() + startSeconds(id) > when + clockGrain) return {User::gone, id, {}};
+  if (bootTime() + start > when + clockGrain) return {User::gone, id, {}};
   return {User::alive, id, process};
 }
 
@@ -191,7 +195,8 @@ Waiting whoWaits(int queueHandle, pid_t except) {
       std::ifstream call(fmt::format("/proc/{}/task/{}/syscall", id, thread));
       // Each IPC namespace numbers its queues from 0.
       if (waitsFor(call, queueHandle) && queuesOf(id) != Queues::others) return {livingProcess(id), false, false};
-      waiting.hidden = waiting.hidden || errno == EACCES || errno == EPERM;
+      // What has ended and was not waited for belongs to the machine's root, and waits for nothing.
+      waiting.hidden = waiting.hidden || ((errno == EACCES || errno == EPERM) && livingProcess(id));
     }
   }
   return waiting;
