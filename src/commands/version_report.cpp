@@ -30,8 +30,8 @@ std::FILE* openEitherVersionFile() {
 
 // Reads the version into `content` and returns its size. A read that fills all 507 bytes may have been cut short and
 // counts as a failure, as does an empty file: the size is then 0.
-int readVersion(std::FILE* file, std::uint8_t (&content)[HUBKEEPER_PAYLOAD_MAX]) {
-  const int size = static_cast<int>(std::fread(content, 1, sizeof content, file));
+std::size_t readVersion(std::FILE* file, std::uint8_t (&content)[HUBKEEPER_PAYLOAD_MAX]) {
+  const std::size_t size = std::fread(content, 1, sizeof content, file);
   std::fclose(file);
   if (size == 0 || size == HUBKEEPER_PAYLOAD_MAX) {
     messagesChannel.error() << "HubKeeper: unable to read version file";
@@ -48,6 +48,6 @@ int readVersion(std::FILE* file, std::uint8_t (&content)[HUBKEEPER_PAYLOAD_MAX])
 void handleVersionRequest(std::uint16_t tag) {
   std::uint8_t content[HUBKEEPER_PAYLOAD_MAX];
   std::FILE* file = openEitherVersionFile();
-  const int size = file != nullptr ? readVersion(file, content) : 0;
+  const std::size_t size = file != nullptr ? readVersion(file, content) : 0;
   sendPacket(versionReplySend, tag, HUBKEEPER_OPCODE_VERSION_REPLY, content, size);
 }
