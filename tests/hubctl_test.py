@@ -75,6 +75,8 @@ def test_usage():
 2 | -l is no option                      | hubctl run -l ls
 2 | no queue "1004"                      | hubctl peek 1004
 2 | "g" is no hexadecimal digit          | hubctl raw 0g
+2 | (the FILE of --\w+ has no name.*){3} | hubctl trace --read ''; hubctl trace --write ''; hubctl metrics --write ''
+2 | no room there for --json or --stats  | hubctl trace --write - --json
 2 | no queue "a\.\[31m"                  | hubctl peek "$(printf 'a\033[31m')"
 0 | ^hubctl [0-9]+\.[0-9]+\.[0-9]+$      | hubctl --version
 """)
@@ -84,6 +86,7 @@ def test_usage():
 
 def test_heartbeats(hub):
     play("0 | 512 bytes.*bounce=.*3 heartbeats, 3 answered, 0 lost.*min/avg/max | hubctl -i 0 ping -c 0.3e1")
+    see(0, "bounce=.*hubctl: cannot write to standard output", "hubctl ping -i 0.01 | head -n 1")
     for message in texts(".04 .00 87"):
         put(message, "R")
     play('0 | took 3 messages first.*"answered":2.*"lost":0.*"unbounced":0 | hubctl ping -c 2 -i 0 --json')

@@ -9,6 +9,13 @@
 #include <cstring>
 
 #include "base/failure.h"
+#include "base/signals.h"
+
+void requireName(const CLI::Option& option) {
+  if (option.count() == 0 || !option.results().front().empty()) return;
+  throw WrongUsage(
+      fmt::format("{} has no name", option.get_positional() ? "FILE" : "the FILE of " + option.get_name()));
+}
 
 double parseNumber(const std::string& text, double least, bool whole) {
   double given = 0;
@@ -27,6 +34,7 @@ std::string readInput(const std::string& path) {
     got = std::fread(part, 1, sizeof part, file);
     content.append(part, got);
     good = std::ferror(file) == 0;
+    if (stopWanted()) throw Failure("interrupted");
   }
   const int reason = errno;
   if (file != nullptr && file != stdin) std::fclose(file);

@@ -100,9 +100,10 @@ int get(const Options& options, double compareWait) {
   requireFree(options.target, options.force);
   Session session(options);
   std::string path;
-  showPassing("summing up on the board ...");
-  const Sum board = sumOnBoard(session, options.file, compareWait, path);
-  showPassing("");
+  const Sum board = [&] {
+    const Passing text("summing up on the board ...");
+    return sumOnBoard(session, options.file, compareWait, path);
+  }();
   const Clock::time_point start = Clock::now();
   Part part(options.target);
   fetchFromBoard(session, path, board.bytes, [&](std::string_view piece) { part.add(piece); });

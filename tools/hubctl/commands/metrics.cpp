@@ -144,9 +144,11 @@ void replaceFile(const std::string& path, const std::string& text) {
 
 Action addMetrics(CLI::App& app) {
   const auto file = std::make_shared<std::string>();
-  app.add_option("--write", *file, "Write them to this file, in one go, in place of standard output")
-      ->type_name("FILE");
-  return [file] {
+  const auto* option =
+      app.add_option("--write", *file, "Write them to this file, in one go, in place of standard output")
+          ->type_name("FILE");
+  return [file, option] {
+    requireName(*option);
     if (file->empty())
       write(makeText());
     else

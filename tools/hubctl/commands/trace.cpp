@@ -50,12 +50,6 @@ void tick(bool on) {
   setitimer(ITIMER_REAL, &timer, nullptr);
 }
 
-std::int64_t timeNow() {
-  timespec now;
-  clock_gettime(CLOCK_REALTIME, &now);
-  return static_cast<std::int64_t>(now.tv_sec) * 1'000'000'000 + now.tv_nsec;
-}
-
 // What becomes of the events: recorded, shown as lines, summed up.
 class Output {
  public:
@@ -77,12 +71,12 @@ class Output {
     flushOutput();
     if (options.period <= 0 || secondsSince(drawn) < options.period) return;
     drawn = Clock::now();
-    sumUp(timeNow(), false, true);
+    sumUp(traceTime(), false, true);
   }
 
   void finish(bool live) {
     story.finish();
-    if (options.period > 0) sumUp(live ? timeNow() : stats.end(), true, live);
+    if (options.period > 0) sumUp(live ? traceTime() : stats.end(), true, live);
     if (!recorder) return;
     recorder->flush();
     complain(fmt::format("{} recorded", count(recorded, "message")));
@@ -160,7 +154,7 @@ bool traceService(const Service& service, Output& output) {
   Backlog backlog(output);
   Watcher watcher([&backlog](Event event) { backlog.add(std::move(event)); });
   Tracer tracer(service.id, [&watcher](const Returned& returned) { watcher.take(returned); });
-  output.take({{HUBKEEPER_CAPTURE_ATTACHED, 0, service.id, service.user, 0}, timeNow(), {}});
+  output.take({{HUBKEEPER_CAPTURE_ATTACHED, 0, service.id, service.user, 0}, traceTime(), {}});
   output.refresh();
   bool ended = false, quiet = false;
   while (!ended && output.wantsMore()) {
@@ -177,7 +171,7 @@ bool traceService(const Service& service, Output& output) {
   }
   tracer.release();
   backlog.showAll();
-  if (ended) output.take({{HUBKEEPER_CAPTURE_ENDED, 0, tracer.ending(), 0, 0}, timeNow(), {}});
+  if (ended) output.take({{HUBKEEPER_CAPTURE_ENDED, 0, tracer.ending(), 0, 0}, traceTime(), {}});
   return ended;
 }
 
@@ -233,7 +227,7 @@ Action addTrace(CLI::App& app) {
   auto* write = app.add_option("--write", options->write, "Record all of it (- is standard output)")->type_name("FILE");
   auto* read =
       app.add_option("--read", options->read, "Show a recording instead (- is standard input)")->type_name("FILE");
-  addNumber(app, "--stats", options->period, "[SECONDS]", 0.1, "Sums instead of lines, anew every 1 or SECONDS")
+  addNumber(app, "--stats", options->period, "[SECONDS]", 0.1, "Sums instead of lines, anew every SECONDS (1)")
       ->expected(0, 1)
       ->default_str("1");
   auto* process = addNumber(app, "--pid", options->process, "PID", 1, "The service's process, where there are several");
@@ -242,5 +236,12 @@ Action addTrace(CLI::App& app) {
   read->excludes(write)->excludes(process)->excludes(follow);
   process->excludes(follow);
   app.footer("Takes, sends and changes nothing. Slows the hub down while it is attached: see hubctl(1).");
-  return [options] { return options->read.empty() ? traceLive(*options) : showRecording(*options); };
+  return [options, read, write] {
+    requireName(*read);
+    requireName(*write);
+    if (options->write == "-" && (options->json || options->period > 0)) {
+      throw WrongUsage("a recording on standard output leaves no room there for --json or --stats");
+    }
+    return options->read.empty() ? traceLive(*options) : showRecording(*options);
+  };
 }

@@ -28,8 +28,10 @@ void Fold::take(const LogLine& line) {
     if (++begun < rounds.lines) return;
     begun = 0;
     ++rounds.count;
-    rounds.last = line.time;
-    for (std::size_t i = 0; i < rounds.lines; ++i) std::swap(held[i], held[longest + i]);
+    for (std::size_t i = 0; i < rounds.lines; ++i) {
+      std::swap(held[i], held[longest + i]);
+      if (held[i].line.time != 0) rounds.last = held[i].line.time;  // a service's own complaint has none
+    }
     return;
   }
   flush();

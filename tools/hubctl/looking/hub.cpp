@@ -6,16 +6,26 @@
 #include <algorithm>
 #include <iterator>
 
+#include "base/failure.h"
 #include "showing/text.h"
 
 namespace {
 
 constexpr double grace = 3;  // seconds in which a reader need not come back
 
+// Nothing also where this user may not look at it: then the other queues have to tell.
+std::optional<QueueState> lookIfAllowed(const Queue& queue) {
+  try {
+    return lookAt(queue);
+  } catch (const Failure&) {
+    return std::nullopt;
+  }
+}
+
 // Who has sent on the other queues, and lives for certain, or only perhaps.
 std::optional<Process> findSender(User user) {
   for (const Queue& queue : hubkeeper_queues) {
-    const auto state = queue == inbound ? std::nullopt : lookAt(queue);
+    const auto state = queue == inbound ? std::nullopt : lookIfAllowed(queue);
     const LastUser sender = state ? lastUser(state->sender, state->lastSend) : LastUser{};
     if (sender.user == user && sender.process->id != getpid()) return sender.process;
   }
@@ -31,7 +41,7 @@ std::optional<Process> lastSeen() {
 
 bool anybodyUnseen() {
   return std::any_of(std::begin(hubkeeper_queues), std::end(hubkeeper_queues), [](const Queue& queue) {
-    const auto state = lookAt(queue);
+    const auto state = lookIfAllowed(queue);
     return state && (lastUser(state->sender, state->lastSend).user == User::unseen ||
                      lastUser(state->receiver, state->lastReceive).user == User::unseen);
   });

@@ -24,10 +24,14 @@ void complain(std::string_view text) {
   writeError(fmt::format("{}{}\n", inked(Ink::red, "hubctl:", STDERR_FILENO), wrapped));
 }
 
-void showPassing(std::string_view text) {
+static void showPassing(std::string_view text) {
   if (terminalWidth(STDERR_FILENO) == 0) return;
   writeError(fmt::format("\r\033[K{}\r", inked(Ink::dim, text, STDERR_FILENO)));
 }
+
+Passing::Passing(std::string_view text) { showPassing(text); }
+
+Passing::~Passing() { showPassing(""); }
 
 std::string inked(Ink ink, std::string_view text, int stream) {
   const auto wantsColour = [](int descriptor) {

@@ -11,8 +11,14 @@
 /// "hubctl: " and the text, made harmless, on stderr, wrapped at the terminal's width and indented.
 void complain(std::string_view text);
 
-/// Shows a text on stderr, where that is a terminal, until the next line takes its place.
-void showPassing(std::string_view text);
+/// A text on stderr, where that is a terminal, as long as it lives.
+class Passing {
+ public:
+  explicit Passing(std::string_view text);
+  ~Passing();
+  Passing(const Passing&) = delete;
+  Passing& operator=(const Passing&) = delete;
+};
 
 enum class Ink { bold = 1, dim = 2, red = 31, green = 32, yellow = 33, cyan = 36 };
 

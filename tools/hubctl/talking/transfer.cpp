@@ -233,12 +233,13 @@ Sum Transfer::sendChunks() {
 }
 
 void Transfer::compare(Result& result) {
-  showPassing("comparing size and SHA-256 on the board ...");
   finishing = true;
   const std::string script = fmt::format("s={} w={} m={}; ", result.here.bytes, result.here.sha256, order.mode);
-  // The end of a transfer costs HubKeeper a second, before it takes anything else.
-  result.complaint = runScript(session, script + withPath(path, compareAndKeep), 1 + order.compareWait);
-  showPassing("");
+  {
+    const Passing text("comparing size and SHA-256 on the board ...");
+    // The end of a transfer costs HubKeeper a second, before it takes anything else.
+    result.complaint = runScript(session, script + withPath(path, compareAndKeep), 1 + order.compareWait);
+  }
   std::istringstream sum(firstLine(result.complaint));
   if (!(sum >> result.board.bytes)) throw Failure("the board cannot read what it has written: " + result.complaint);
   sum >> result.board.sha256;

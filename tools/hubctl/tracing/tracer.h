@@ -22,6 +22,9 @@ struct Returned {
   Bytes memory;          // the message with its mtype; for wait4 the status
 };
 
+/// Nanoseconds since 1970, counted by a clock that nobody sets, so that no answer comes before its Packet.
+std::int64_t traceTime();
+
 class Tracer {
  public:
   enum class Step { handled, nothing, ended };
