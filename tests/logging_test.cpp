@@ -99,8 +99,7 @@ TEST_F(Logging, SinksComeAndGo) {
   held = channel;
   channel.info() << "1";
   for (const char* directory : {"/tmp/a", "/tmp/b"}) std::filesystem::create_directory(directory);
-  manager->setFile(false);
-  channel.setFile(false);
+  for (int i = 0; i < 2; ++i) manager->setFile(false);
   channel.setPath("/tmp/b");  // with the file off, a path only waits
   EXPECT_FALSE(std::filesystem::exists("/tmp/b/my_log.log"));
   channel.setPath("/tmp/a");
