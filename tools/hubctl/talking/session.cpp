@@ -159,7 +159,12 @@ std::optional<Bytes> Session::receive(long milliseconds) {
 }
 
 std::string Session::giveUp() {
-  std::string why = explainSilence();  // as long as the request stands there to be seen
+  std::string why;
+  try {
+    why = explainSilence();  // as long as the request stands there to be seen
+  } catch (const std::exception& blind) {
+    why = blind.what();
+  }
   if (takeBack()) why += "\nthe request was taken back from the queue: it will not be carried out later";
   return why;
 }
