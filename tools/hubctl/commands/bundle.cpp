@@ -5,6 +5,7 @@
 #include <nlohmann/json.hpp>
 
 #include "base/clock.h"
+#include "base/failure.h"
 #include "showing/json.h"
 #include "showing/output.h"
 #include "showing/piece_printer.h"
@@ -30,10 +31,13 @@ int sendAndShow(const Bytes& bundle, const TalkOptions& options) {
   while (const auto message = session.take(end)) {
     answered = true;
     const double time = secondsSince(start) * 1000;
-    const Piece piece = split(ridgelink, *message).front();
-    options.json ? printPieceJson(time, piece) : printer.print(fmt::format("{:>10.3f}", time), piece);
+    for (const Piece& piece : split(ridgelink, *message)) {
+      options.json ? printPieceJson(time, piece) : printer.print(fmt::format("{:>10.3f}", time), piece);
+    }
     flushOutput();
   }
   if (!answered) throw unanswered(session, options.wait);
+  // What came may have answered an earlier request.
+  if (session.takeBack()) throw Failure("HubKeeper has not read the Bundle, and it was taken back");
   return 0;
 }

@@ -4,6 +4,7 @@
 #include <algorithm>
 #include <memory>
 #include <nlohmann/json.hpp>
+#include <optional>
 
 #include "base/clock.h"
 #include "base/failure.h"
@@ -70,10 +71,9 @@ Tally sendHeartbeats(Session& session, const Options& options) {
   while (!stopWanted() && (options.count == 0 || tally.sent < options.count)) {
     const Clock::time_point next = after(options.interval);
     ++tally.sent;
+    std::optional<Reply> reply;
     try {
-      const Reply reply = request(session, HUBKEEPER_OPCODE_HEARTBEAT, HUBKEEPER_OPCODE_HEARTBEAT_REPLY);
-      tally.add(reply);
-      if (!options.json) printReply(session.currentTag(), reply);
+      reply = request(session, HUBKEEPER_OPCODE_HEARTBEAT, HUBKEEPER_OPCODE_HEARTBEAT_REPLY);
     } catch (const Failure& silence) {
       if (stopWanted()) {  // nothing was lost: nobody waited for this one
         --tally.sent;
@@ -83,6 +83,8 @@ Tally sendHeartbeats(Session& session, const Options& options) {
       complain(fmt::format("tag {}: {}", session.currentTag(), explained ? why.substr(0, why.find('\n')) : why));
       explained = true;
     }
+    if (reply) tally.add(*reply);
+    if (reply && !options.json) printReply(session.currentTag(), *reply);
     if (tally.sent != options.count) nap(-secondsSince(next));
   }
   return tally;
