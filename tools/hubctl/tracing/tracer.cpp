@@ -29,17 +29,6 @@ long order(int request, pid_t id, long data = 0) {
   return ptrace(static_cast<__ptrace_request>(request), id, nullptr, reinterpret_cast<void*>(data));
 }
 
-// Counted by a clock that nobody sets, so that no answer comes before its Packet.
-std::int64_t now() {
-  const auto read = [](clockid_t clock) {
-    timespec time;
-    clock_gettime(clock, &time);
-    return static_cast<std::int64_t>(time.tv_sec) * 1'000'000'000 + time.tv_nsec;
-  };
-  static const std::int64_t epoch = read(CLOCK_REALTIME) - read(CLOCK_MONOTONIC);
-  return epoch + read(CLOCK_MONOTONIC);
-}
-
 // Why the kernel did not let us, from the rules of ptrace(2), "Ptrace access mode checking".
 std::string refusal(pid_t id, int error) {
   if (error != EPERM) return std::strerror(error);
@@ -70,6 +59,16 @@ std::size_t bytesToRead(const Returned& done) {
 }
 
 }  // namespace
+
+std::int64_t traceTime() {
+  const auto read = [](clockid_t clock) {
+    timespec time;
+    clock_gettime(clock, &time);
+    return static_cast<std::int64_t>(time.tv_sec) * 1'000'000'000 + time.tv_nsec;
+  };
+  static const std::int64_t epoch = read(CLOCK_REALTIME) - read(CLOCK_MONOTONIC);
+  return epoch + read(CLOCK_MONOTONIC);
+}
 
 Tracer::Tracer(pid_t itsProcess, std::function<void(const Returned&)> itsSink)
     : process(itsProcess), sink(std::move(itsSink)) {
@@ -200,7 +199,7 @@ std::optional<Returned> Tracer::lookAtCall(pid_t id, Thread& thread) {
   if (!info) return std::nullopt;
   if (info->op == PTRACE_SYSCALL_INFO_ENTRY) {
     thread.call = decodeCall(*info, process);
-    thread.entered = now();
+    thread.entered = traceTime();
     const bool usesQueue = thread.call->kind != CallKind::other && thread.call->kind != CallKind::wait4;
     if (usesQueue && keeper == 0) keepOnly(id);
     return std::nullopt;
@@ -208,7 +207,7 @@ std::optional<Returned> Tracer::lookAtCall(pid_t id, Thread& thread) {
   const auto call = std::exchange(thread.call, std::nullopt);
   if (info->op != PTRACE_SYSCALL_INFO_EXIT || !call || call->kind == CallKind::other) return std::nullopt;
   if (isRestart(info->exit.rval)) return std::nullopt;
-  const std::int64_t time = now();
+  const std::int64_t time = traceTime();
   Returned returned = {*call, info->exit.rval, time, static_cast<std::uint64_t>(time - thread.entered), {}};
   if (const std::size_t size = bytesToRead(returned); size > 0) {
     returned.memory = readMemory(process, call->address, size);
