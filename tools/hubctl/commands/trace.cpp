@@ -3,7 +3,6 @@
 #include <sys/time.h>
 
 #include <csignal>
-#include <ctime>
 #include <deque>
 #include <memory>
 #include <nlohmann/json.hpp>
@@ -50,12 +49,6 @@ void tick(bool on) {
   setitimer(ITIMER_REAL, &timer, nullptr);
 }
 
-std::int64_t timeNow() {
-  timespec now;
-  clock_gettime(CLOCK_REALTIME, &now);
-  return static_cast<std::int64_t>(now.tv_sec) * 1'000'000'000 + now.tv_nsec;
-}
-
 // What becomes of the events: recorded, shown as lines, summed up.
 class Output {
  public:
@@ -77,12 +70,12 @@ class Output {
     flushOutput();
     if (options.period <= 0 || secondsSince(drawn) < options.period) return;
     drawn = Clock::now();
-    sumUp(timeNow(), false, true);
+    sumUp(traceTime(), false, true);
   }
 
   void finish(bool live) {
     story.finish();
-    if (options.period > 0) sumUp(live ? timeNow() : stats.end(), true, live);
+    if (options.period > 0) sumUp(live ? traceTime() : stats.end(), true, live);
     if (!recorder) return;
     recorder->flush();
     complain(fmt::format("{} recorded", count(recorded, "message")));
@@ -160,7 +153,7 @@ bool traceService(const Service& service, Output& output) {
   Backlog backlog(output);
   Watcher watcher([&backlog](Event event) { backlog.add(std::move(event)); });
   Tracer tracer(service.id, [&watcher](const Returned& returned) { watcher.take(returned); });
-  output.take({{HUBKEEPER_CAPTURE_ATTACHED, 0, service.id, service.user, 0}, timeNow(), {}});
+  output.take({{HUBKEEPER_CAPTURE_ATTACHED, 0, service.id, service.user, 0}, traceTime(), {}});
   output.refresh();
   bool ended = false, quiet = false;
   while (!ended && output.wantsMore()) {
@@ -177,7 +170,7 @@ bool traceService(const Service& service, Output& output) {
   }
   tracer.release();
   backlog.showAll();
-  if (ended) output.take({{HUBKEEPER_CAPTURE_ENDED, 0, tracer.ending(), 0, 0}, timeNow(), {}});
+  if (ended) output.take({{HUBKEEPER_CAPTURE_ENDED, 0, tracer.ending(), 0, 0}, traceTime(), {}});
   return ended;
 }
 
@@ -230,10 +223,9 @@ Action addTrace(CLI::App& app) {
       ->delimiter(',');
   app.add_flag("--lost", options->lost, "Only what was lost");
   addNumber(app, "-c,--count", options->most, "N", 1, "Stop after N Packets, bounces, replies, forwards");
-  auto* write = app.add_option("--write", options->write, "Record all of it (- is standard output)")->type_name("FILE");
-  auto* read =
-      app.add_option("--read", options->read, "Show a recording instead (- is standard input)")->type_name("FILE");
-  addNumber(app, "--stats", options->period, "[SECONDS]", 0.1, "Sums instead of lines, anew every 1 or SECONDS")
+  auto* write = addFile(app, "--write", options->write, "Record all of it (- is standard output)");
+  auto* read = addFile(app, "--read", options->read, "Show a recording instead (- is standard input)");
+  addNumber(app, "--stats", options->period, "[SECONDS]", 0.1, "Sums instead of lines, anew every SECONDS (default 1)")
       ->expected(0, 1)
       ->default_str("1");
   auto* process = addNumber(app, "--pid", options->process, "PID", 1, "The service's process, where there are several");
@@ -242,5 +234,10 @@ Action addTrace(CLI::App& app) {
   read->excludes(write)->excludes(process)->excludes(follow);
   process->excludes(follow);
   app.footer("Takes, sends and changes nothing. Slows the hub down while it is attached: see hubctl(1).");
-  return [options] { return options->read.empty() ? traceLive(*options) : showRecording(*options); };
+  return [options] {
+    if (options->write == "-" && (options->json || options->period > 0)) {
+      throw WrongUsage("--write - takes standard output, so --json and --stats cannot go with it");
+    }
+    return options->read.empty() ? traceLive(*options) : showRecording(*options);
+  };
 }
