@@ -91,6 +91,8 @@ def test_shown():
 0 | ^(INFO \S+ \S+ \S+ \S+ the backup\n){3}ERROR.*:16384\nINFO .*Linux board\n\nINFO .*echo \.\[31m\n.*Failed sen\n$ | hubctl log
 0 | \x1b\[2mERROR[^\n]*:16384\r?\n?\x1b\[0m.*\x1b\[31mERROR[^\n]*: 29\r?\n?\x1b\[0m.*\x1b\[33mWARN | TERM=xterm script -qec 'hubctl log' /dev/null
 0 | ^ERROR.*/0\nERROR.*/1\nERROR.*/0\nERROR.*/1\n +these 2 lines 2 times more, 22 Nov 2026 21:51:04 to 21:51:07\nERROR.*/0\nINFO[^\n]*end\n$ | hubctl log loop
+0 | 4 times more, 22 Nov 2026 21:51:02 to 21:51:05\n$ | for i in 0 1 2 3 4 5; do printf 'ERROR 22 Nov 2026 21:51:0%d x \ncomplaint\n' $i; done | hubctl log -
+0 | ^perror +msgget                      | hubctl explain 'Nov 22 21:51:04 board hubkeeper[57]: msgget: No space left on device'
 0 | ^WARN[^\n]*\nERROR[^\n]*sen\n$       | hubctl log --since "22 Nov 2026 21:51:03"
 0 | ^ERROR[^\n]*16384\nERROR[^\n]*99\nmsgget: forged\]\nERROR[^\n]*29\nWARN[^\n]*\n$ | hubctl log --priority warn | grep -v sen$
 0 | ^3\n0\n1\n                           | hubctl log --since 2026-11-22T21:51:02 | wc -l; sed s/2026/2019/ /media/data/messages.log | hubctl log --since 1m - | wc -l; LC_ALL=C date '+INFO %d %b %Y %T now ' | hubctl log --since 1m - | wc -l

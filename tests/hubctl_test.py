@@ -65,6 +65,7 @@ def test_before_the_first_start():
     play(r"""
 0 | inbound +1002 +- +missing.*removed its queues | hubctl queues
 0 | ^ +key[^\n]*\n$                           | cat /proc/sysvipc/msg
+0 | netsteward +1000 +- +hidden                | /usr/bin/python3 -c 'import sysv_ipc; sysv_ipc.MessageQueue(1000, 512, mode=0)'; unshare --user --map-root-user hubctl queues
 """)
 
 
@@ -74,6 +75,9 @@ def test_usage():
 2 | (no subcommand "bogus".*){2}         | hubctl bogus; hubctl help bogus
 2 | -l is no option                      | hubctl run -l ls
 2 | no queue "1004"                      | hubctl peek 1004
+2 | (FILE is empty.*){3}                 | hubctl trace --read ""; hubctl trace --write ""; hubctl metrics --write ""
+2 | (takes standard output.*){2}         | hubctl trace --write - --json; hubctl trace --write - --stats
+1 | - has more than 16 MiB               | hubctl raw - </dev/zero
 2 | "g" is no hexadecimal digit          | hubctl raw 0g
 2 | (the FILE of --\w+ has no name.*){3} | hubctl trace --read ''; hubctl trace --write ''; hubctl metrics --write ''
 2 | no room there for --json or --stats  | hubctl trace --write - --json
@@ -90,6 +94,7 @@ def test_heartbeats(hub):
     for message in texts(".04 .00 87"):
         put(message, "R")
     play('0 | took 3 messages first.*"answered":2.*"lost":0.*"unbounced":0 | hubctl ping -c 2 -i 0 --json')
+    see(0, "time=.*cannot write", "hubctl ping -i 0.01 | head -1")
     ping = start("ping", "-i", "100")
     assert "time=" in ping.stdout.readline()
     ping.send_signal(signal.SIGINT)
@@ -112,6 +117,7 @@ def test_commands(hub):
 0 | ^/tmp/1\nexit                              | hubctl run -- ls -d /tmp/1
 124 | exit status 124.*stopped by the time-out | hubctl run --timeout 0.1 'trap "" TERM; while :; do sleep 0.1; done'
 124 | exit status 124 after [0-9.]* s$         | hubctl run --timeout 9 exit 124
+255 | cannot write to standard output          | hubctl run --json 'exit 2' >/dev/full
 255 | was ended before it could tell           | hubctl run --timeout 9 'kill -9 $PPID'
 4 | "base64":"Yf9i","bytes":3,"cut":false,"output":"a.*b","status":4,"timedOut":false | hubctl run --json 'printf "a\377b"; exit 4'
 0 | cut after 4\d\d of 3893 bytes; --all       | hubctl run seq 1000
@@ -165,7 +171,7 @@ def test_transfers(hub):
 1 | cannot write part: File too large                   | cd /opt; ulimit -f 9; hubctl get /opt/big part
 1 | /opt is not a file on the board                     | hubctl get /opt /tmp/nothing
 1 | came differently: SHA-256 0.*gone$                  | printf '#!/bin/sh\nprintf %%064d $$' >/usr/local/bin/sha256sum; chmod +x /usr/local/bin/sha256sum; hubctl get /tmp/1 odd; s=$?; ls odd* || printf gone; exit $s
-1 | size is right, but sha256sum is missing.*is missing | printf '#!/bin/sh\nexit 1' >/usr/local/bin/sha256sum; hubctl get /tmp/1 odd; hubctl send /tmp/1 /opt/x; s=$?; rm /usr/local/bin/sha256sum; exit $s
+1 | "boardBytes":1,.*"same":null.*is missing.*"same":null.*is missing | printf '#!/bin/sh\nexit 1' >/usr/local/bin/sha256sum; hubctl get --json /tmp/1 odd; hubctl send --json /tmp/1 /opt/x; s=$?; rm /usr/local/bin/sha256sum; exit $s
 """)
     assert waiting("S") == 10 and shell("ls -A /opt | grep hubctl") == ""
 

@@ -1,5 +1,5 @@
 """The Python module, the golden vectors and the examples, against each other, the public header and the service."""
-import doctest, itertools, json, os, random, re, shutil, subprocess, sys
+import doctest, itertools, json, os, random, re, shutil, signal, subprocess, sys
 
 import board, pytest, sysv_ipc
 from board import TOP, until
@@ -131,12 +131,15 @@ FAILURES = [
 ]
 
 
-def test_hub():
+def test_hub(monkeypatch):
     with board.Hub(), Hub(wait=30) as hub:
         for answer, call in ANSWERS:
             assert call(hub) == answer
         for kind, text, call in FAILURES:
             fails(kind, text, call, hub)
+        monkeypatch.setattr(Hub, "_require_begun", lambda *_: signal.raise_signal(signal.SIGINT))  # the next one can begin
+        fails(KeyboardInterrupt, "", hub.send_file, b"x", "/tmp/it's")
+        monkeypatch.undo()
         for what in sys.executable, b"short":
             hub.send_file(what, "/tmp/it's")
             assert open("/tmp/it's", "rb").read() == (open(what, "rb").read() if isinstance(what, str) else what)

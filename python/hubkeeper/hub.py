@@ -179,8 +179,8 @@ class Hub:
         with io.BytesIO(source) if isinstance(source, bytes) else _open_regular(source) as file:
             self._check_target(target, timeout)
             try:
-                self._start_transfer(target, name, timeout)
-                size, digest = self._send_chunks(file, timeout)
+                self._send_and_await_bounce(Opcode.TRANSFER_START, name + b"\0", timeout)
+                size, digest = self._send_chunks(file, target, timeout)
             except NoAnswer as error:
                 raise NoAnswer(
                     f"{error}; the transfer to {target} may be open, and send(Packet(Opcode.TRANSFER_END)) ends it,"
@@ -347,25 +347,25 @@ class Hub:
             reason = _text(answer).rpartition(": ")[2]  # behind what the shell says of itself
             raise Refused(f"cannot send to {target}: {reason or 'it cannot be written'}")
 
-    def _start_transfer(self, target: str, name: bytes, timeout: float) -> None:
-        self._send_and_await_bounce(Opcode.TRANSFER_START, name + b"\0", timeout)
+    def _require_begun(self, target: str, timeout: float) -> None:
         if self._run_script(f"[ -s {shlex.quote(target)} ] || echo empty", timeout) != b"empty\n":
             raise Refused(
                 "HubKeeper has not begun this transfer: an earlier one was never ended;"
                 " if nobody else is sending, send(Packet(Opcode.TRANSFER_END)) ends it"
             )
 
-    def _send_chunks(self, file: BinaryIO, timeout: float) -> tuple[int, str]:
+    def _send_chunks(self, file: BinaryIO, target: str, timeout: float) -> tuple[int, str]:
         """Sends all that the file holds, and the end; returns the size and the SHA-256 of what was sent."""
         size, digest = 0, hashlib.sha256()
         try:
+            self._require_begun(target, timeout)
             for number, chunk in enumerate(iter(lambda: file.read(_CHUNK_SIZE), b"")):
                 if number >= _UNBOUNCED_MAX:
                     self._await_bounce(Opcode.TRANSFER_CHUNK, timeout)
                 self._put(bytes(Packet(Opcode.TRANSFER_CHUNK, self._next_tag(), chunk)), timeout, self._mtype)
                 size += len(chunk)
                 digest.update(chunk)
-        except NoAnswer:  # an end would get no answer either
+        except (NoAnswer, Refused):  # an end would get no answer either, or end another's transfer
             raise
         except BaseException:  # the end must go out in any case, or every further start is refused
             self._send_and_await_bounce(Opcode.TRANSFER_END, b"", timeout)

@@ -1,8 +1,5 @@
 // hubctl: a console that plays Ridgelink. This file holds the table of subcommands, from which the help is printed, and
 // turns what goes wrong into a sentence on stderr and an exit status: 0 done, 1 failed, 2 wrong usage.
-//
-// Includes point one way through the rooms: base, on which all stand, showing, looking, talking, commands. Looking takes
-// and sends nothing; a subcommand that includes nothing of talking cannot disturb a board.
 #include <fmt/format.h>
 
 #include <CLI/CLI.hpp>

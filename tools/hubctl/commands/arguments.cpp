@@ -11,12 +11,6 @@
 #include "base/failure.h"
 #include "base/signals.h"
 
-void requireName(const CLI::Option& option) {
-  if (option.count() == 0 || !option.results().front().empty()) return;
-  throw WrongUsage(
-      fmt::format("{} has no name", option.get_positional() ? "FILE" : "the FILE of " + option.get_name()));
-}
-
 double parseNumber(const std::string& text, double least, bool whole) {
   double given = 0;
   const bool good = CLI::detail::lexical_cast(text, given) && given >= least && given <= 1e6;
@@ -25,12 +19,18 @@ double parseNumber(const std::string& text, double least, bool whole) {
       fmt::format("{} is not a {}number from {:g} to 1000000", text, whole ? "whole " : "", least));
 }
 
+CLI::Option* addFile(CLI::App& app, const std::string& name, std::string& file, const std::string& help) {
+  const auto refuseEmpty = [](const std::string& given) { return std::string(given.empty() ? "FILE is empty" : ""); };
+  return app.add_option(name, file, help)->type_name("FILE")->check(CLI::Validator(refuseEmpty, ""));
+}
+
 std::string readInput(const std::string& path) {
+  constexpr std::size_t most = 16 << 20;  // far more than anything that is sent or read so
   std::FILE* file = path == "-" ? stdin : std::fopen(path.c_str(), "rbe");
   std::string content;
   char part[4096];
   bool good = file != nullptr;
-  for (std::size_t got = 1; good && got > 0;) {
+  for (std::size_t got = 1; good && got > 0 && content.size() <= most && !stopWanted();) {
     got = std::fread(part, 1, sizeof part, file);
     content.append(part, got);
     good = std::ferror(file) == 0;
@@ -38,6 +38,8 @@ std::string readInput(const std::string& path) {
   }
   const int reason = errno;
   if (file != nullptr && file != stdin) std::fclose(file);
+  if (stopWanted()) throw Failure("interrupted");
+  if (content.size() > most) throw Failure(fmt::format("{} has more than 16 MiB", path));
   if (!good) throw Failure(fmt::format("cannot read {}: {}", path, std::strerror(reason)));
   return content;
 }

@@ -33,9 +33,13 @@ CLI::Option* addNumber(CLI::App& app, const std::string& names, Number& number, 
   return app.add_option_function<std::string>(names, take, help)->type_name(unit);
 }
 
+/// An option that takes the name of a file, which is not empty: the shell makes that of a variable that is not set.
+CLI::Option* addFile(CLI::App& app, const std::string& name, std::string& file, const std::string& help);
+
 /// Bytes from hexadecimal digits, in pairs, with blanks, colons or commas anywhere between the pairs.
 /// Throws a WrongUsage that shows the place.
 Bytes parseHex(std::string_view text);
 
-/// All that a file holds, or standard input where the path is "-"; throws a Failure when it cannot be read.
+/// All that a file holds, or standard input where the path is "-"; throws a Failure when it cannot be read, is
+/// endless, or at Ctrl-C.
 std::string readInput(const std::string& path);

@@ -37,7 +37,7 @@ int sendAndShow(const Bytes& bundle, const TalkOptions& options) {
     flushOutput();
   }
   if (!answered) throw unanswered(session, options.wait);
-  // What came were answers to an earlier request, then.
-  if (session.takeBack()) throw Failure("HubKeeper has not read the Bundle yet; it was taken back from the queue");
+  // What came may have answered an earlier request.
+  if (session.takeBack()) throw Failure("HubKeeper has not read the Bundle, and it was taken back");
   return 0;
 }

@@ -33,8 +33,20 @@ const LogKind* findKindOf(const LogLine& line) {
   return named == catalogue().end() ? nullptr : &*named;
 }
 
-int explain(const LogLine& line) {
+// A line of a journal without its priority has the message behind a colon. The longest text that is known is meant.
+const LogKind* findKindWithin(LogLine line) {
   const LogKind* kind = findKindOf(line);
+  for (std::size_t at = 0; kind == nullptr && line.priority == Priority::none;) {
+    at = line.message.find(": ");
+    if (at == std::string_view::npos) break;
+    line.message.remove_prefix(at + 2);
+    kind = findKindOf(line);
+  }
+  return kind;
+}
+
+int explain(const LogLine& line) {
+  const LogKind* kind = findKindWithin(line);
   if (kind == nullptr) throw Failure(unknown);
   print("{}  {}\n", nameOf(kind->priority), inked(Ink::bold, kind->text));
   printMeaning(*kind, 2);

@@ -120,9 +120,10 @@ int get(const Options& options, double compareWait) {
                {"target", options.target},
                {"bytes", board.bytes},
                {"seconds", seconds},
+               {"boardBytes", board.bytes},
                {"sha256", sum},
                {"boardSha256", board.sha256},
-               {"same", true}});
+               {"same", summed ? nlohmann::json(true) : nlohmann::json()}});
   } else {
     print("got {} as {} in {:.2f} s\n", humanSize(board.bytes), harmless(options.target), seconds);
     if (summed) print("size and SHA-256 are the same as on the board\n");

@@ -49,7 +49,7 @@ void addService(std::string& text, const Facts& board, const std::vector<Finding
     if (one.grade != Grade::trouble) continue;
     troubles.push_back({fmt::format("{{name=\"{}\",subject=\"{}\"}}", one.name, escaped(one.subject)), 1});
   }
-  add(text, "well", "gauge", "Whether hubctl status finds no trouble.",
+  add(text, "well", "gauge", "Whether hubctl status calls the board well; 0 too where that cannot be seen.",
       {{"", worst(findings) == Grade::note ? 1. : 0.}});
   add(text, "trouble", "gauge", "A trouble that hubctl status names.", troubles);
   const bool seen = hub.seen && hub.state.doing != Doing::doubtful;
@@ -144,11 +144,8 @@ void replaceFile(const std::string& path, const std::string& text) {
 
 Action addMetrics(CLI::App& app) {
   const auto file = std::make_shared<std::string>();
-  const auto* option =
-      app.add_option("--write", *file, "Write them to this file, in one go, in place of standard output")
-          ->type_name("FILE");
-  return [file, option] {
-    requireName(*option);
+  addFile(app, "--write", *file, "Write them to this file, in one go, in place of standard output");
+  return [file] {
     if (file->empty())
       write(makeText());
     else

@@ -111,10 +111,11 @@ std::vector<std::string> makeTable(const Shape& shape, int width, Changes& chang
   std::size_t missing = 0;
   bool unseen = false;
   for (const Queue& queue : hubkeeper_queues) {
-    const auto state = lookAt(queue);
+    const auto [state, hidden] = glanceAt(queue);
     if (!state) {
-      ++missing;
-      const Columns columns = {queue.name, std::to_string(queue.key), "-", "", "missing", "", "", "", "", ""};
+      missing += hidden ? 0 : 1;
+      const std::string why = hidden ? "hidden" : "missing";
+      const Columns columns = {queue.name, std::to_string(queue.key), "-", "", why, "", "", "", "", ""};
       lines.push_back(inked(Ink::dim, lineOf(columns, shape)));
       continue;
     }
@@ -143,9 +144,9 @@ nlohmann::json userJson(pid_t id, std::time_t when) {
 }
 
 nlohmann::json queueJson(const Queue& queue) {
-  const auto state = lookAt(queue);
+  const auto [state, hidden] = glanceAt(queue);
   nlohmann::json json = {
-      {"name", queue.name}, {"key", queue.key}, {"from", queue.from}, {"to", queue.to}, {"exists", state.has_value()}};
+      {"name", queue.name}, {"key", queue.key}, {"from", queue.from}, {"to", queue.to}, {"exists", state || hidden}};
   if (!state) return json;
   json.update({{"messages", state->messages},
                {"bytes", state->bytes},

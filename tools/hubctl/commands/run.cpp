@@ -5,7 +5,6 @@
 #include <memory>
 #include <nlohmann/json.hpp>
 
-#include "base/clock.h"
 #include "base/failure.h"
 #include "commands/commands.h"
 #include "commands/session_options.h"
@@ -64,33 +63,32 @@ void printOutput(const Outcome& outcome, bool raw) {
   const bool terminal = terminalWidth() > 0;
   write(terminal && !raw ? harmless(outcome.output, "\n\t") : outcome.output);
   if (terminal && !outcome.output.empty() && outcome.output.back() != '\n') write("\n");
-  flushOutput();
+}
+
+void tellCut(const Outcome& outcome) {
   if (!outcome.cut) return;
   complain(outcome.status
                ? fmt::format("cut after {} of {} bytes; --all fetches the rest", outcome.output.size(), outcome.size)
                : fmt::format("{} bytes came back, all that a reply holds: the output may be cut", outcome.size));
 }
 
-void tellStatus(const Outcome& outcome, double seconds, double timeout) {
+void tellStatus(const Outcome& outcome, double timeout) {
   if (outcome.timeout != timeout) {
     complain(fmt::format("the board's timeout(1) knows whole seconds only, so it was given {:g}", outcome.timeout));
   }
-  const std::string text = fmt::format("exit status {} after {:.3f} s{}", *outcome.status, seconds,
+  const std::string text = fmt::format("exit status {} after {:.3f} s{}", *outcome.status, outcome.seconds,
                                        outcome.timedOut ? ": stopped by the time-out" : "");
   writeError(fmt::format("{}\n", inked(*outcome.status == 0 ? Ink::dim : Ink::red, text, STDERR_FILENO)));
 }
 
 int run(const Options& options) {
   Session session(options);
-  const Clock::time_point start = Clock::now();
   const Outcome outcome = options.raw ? runAsItIs(session, options.command)
                                       : runCommand(session, options.command, options.timeout, options.all);
-  if (options.json) {
-    printOutcomeJson(outcome);
-  } else {
-    printOutput(outcome, options.raw);
-    if (outcome.status) tellStatus(outcome, secondsSince(start), options.timeout);
-  }
+  options.json ? printOutcomeJson(outcome) : printOutput(outcome, options.raw);
+  flushOutput();  // what cannot be printed is a failure of this tool, whatever the command's status
+  if (!options.json) tellCut(outcome);
+  if (!options.json && outcome.status) tellStatus(outcome, options.timeout);
   return outcome.status.value_or(0);
 }
 
@@ -101,8 +99,7 @@ Action addRun(CLI::App& app) {
   app.prefix_command();  // the words are taken as they are; as an argument, CLI11 would take the brackets off [a]
   app.add_flag("--all", options->all, "Fetch the whole output, not only one reply");
   addNumber(app, "--timeout", options->timeout, "SECONDS", 0.001, "Stop the command after this long");
-  app.add_option("--file", options->file, "Take the command, a script of any length, from FILE; - is standard input")
-      ->type_name("FILE");
+  addFile(app, "--file", options->file, "Take the command, a script of any length, from FILE; - is standard input");
   app.add_flag("--raw", options->raw, "Send the text as it is, learn no exit status, print bytes as they come");
   const CLI::Option* wait = addSessionOptions(app, *options, "Wait this long for the reply (default 30)");
   app.footer(

@@ -53,7 +53,7 @@ void printResultJson(const std::string& target, const Result& result) {
              {"boardBytes", result.board.bytes},
              {"sha256", result.here.sha256},
              {"boardSha256", result.board.sha256},
-             {"same", true}});
+             {"same", result.unsummed() ? nlohmann::json() : nlohmann::json(true)}});
 }
 
 void printResult(const std::string& target, const Result& result) {

@@ -3,7 +3,6 @@
 #include <sys/time.h>
 
 #include <csignal>
-#include <ctime>
 #include <deque>
 #include <memory>
 #include <nlohmann/json.hpp>
@@ -224,10 +223,9 @@ Action addTrace(CLI::App& app) {
       ->delimiter(',');
   app.add_flag("--lost", options->lost, "Only what was lost");
   addNumber(app, "-c,--count", options->most, "N", 1, "Stop after N Packets, bounces, replies, forwards");
-  auto* write = app.add_option("--write", options->write, "Record all of it (- is standard output)")->type_name("FILE");
-  auto* read =
-      app.add_option("--read", options->read, "Show a recording instead (- is standard input)")->type_name("FILE");
-  addNumber(app, "--stats", options->period, "[SECONDS]", 0.1, "Sums instead of lines, anew every SECONDS (1)")
+  auto* write = addFile(app, "--write", options->write, "Record all of it (- is standard output)");
+  auto* read = addFile(app, "--read", options->read, "Show a recording instead (- is standard input)");
+  addNumber(app, "--stats", options->period, "[SECONDS]", 0.1, "Sums instead of lines, anew every SECONDS (default 1)")
       ->expected(0, 1)
       ->default_str("1");
   auto* process = addNumber(app, "--pid", options->process, "PID", 1, "The service's process, where there are several");
@@ -236,11 +234,9 @@ Action addTrace(CLI::App& app) {
   read->excludes(write)->excludes(process)->excludes(follow);
   process->excludes(follow);
   app.footer("Takes, sends and changes nothing. Slows the hub down while it is attached: see hubctl(1).");
-  return [options, read, write] {
-    requireName(*read);
-    requireName(*write);
+  return [options] {
     if (options->write == "-" && (options->json || options->period > 0)) {
-      throw WrongUsage("a recording on standard output leaves no room there for --json or --stats");
+      throw WrongUsage("--write - takes standard output, so --json and --stats cannot go with it");
     }
     return options->read.empty() ? traceLive(*options) : showRecording(*options);
   };

@@ -127,11 +127,9 @@ HubFacts lookAtService() {
 
 QueueFacts lookAtQueue(const Queue& queue) {
   QueueFacts facts = {&queue, {}, {}, {}, false, ""};
-  try {
-    facts.state = lookAt(queue);
-  } catch (const Failure&) {
-    facts.hidden = true;
-  }
+  const Glance glance = glanceAt(queue);
+  facts.state = glance.state;
+  facts.hidden = glance.hidden;
   if (!facts.state) return facts;
   facts.reader = lastUser(facts.state->receiver, facts.state->lastReceive);
   const Waiting waiting = whoWaits(facts.state->handle);

@@ -24,13 +24,15 @@ Fold::Fold(std::function<void(const LogLine&)> itsShowLine, std::function<void(c
 void Fold::take(const LogLine& line) {
   if (rounds.lines > 0 && past(rounds.lines - 1 - begun).same(line)) {
     held[longest + begun].keep(line);
-    if (rounds.first == 0) rounds.first = line.time;
     if (++begun < rounds.lines) return;
     begun = 0;
     ++rounds.count;
     for (std::size_t i = 0; i < rounds.lines; ++i) {
       std::swap(held[i], held[longest + i]);
-      if (held[i].line.time != 0) rounds.last = held[i].line.time;  // a service's own complaint has none
+      const LogTime time = held[i].line.time;
+      if (time == 0) continue;  // a line of another program has none
+      if (rounds.first == 0) rounds.first = time;
+      rounds.last = time;
     }
     return;
   }

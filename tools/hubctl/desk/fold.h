@@ -14,7 +14,7 @@ class Fold {
   struct Rounds {
     std::size_t lines;  // in each
     std::uint64_t count;
-    LogTime first, last;
+    LogTime first, last;  // 0 where no line has a time
   };
 
   /// What is to be shown, in order: a line, or how many further rounds of the lines before it there were.

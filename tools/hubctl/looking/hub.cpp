@@ -25,7 +25,7 @@ std::optional<QueueState> lookIfAllowed(const Queue& queue) {
 // Who has sent on the other queues, and lives for certain, or only perhaps.
 std::optional<Process> findSender(User user) {
   for (const Queue& queue : hubkeeper_queues) {
-    const auto state = queue == inbound ? std::nullopt : lookIfAllowed(queue);
+    const auto state = queue == inbound ? std::nullopt : glanceAt(queue).state;
     const LastUser sender = state ? lastUser(state->sender, state->lastSend) : LastUser{};
     if (sender.user == user && sender.process->id != getpid()) return sender.process;
   }
@@ -41,7 +41,7 @@ std::optional<Process> lastSeen() {
 
 bool anybodyUnseen() {
   return std::any_of(std::begin(hubkeeper_queues), std::end(hubkeeper_queues), [](const Queue& queue) {
-    const auto state = lookIfAllowed(queue);
+    const auto state = glanceAt(queue).state;
     return state && (lastUser(state->sender, state->lastSend).user == User::unseen ||
                      lastUser(state->receiver, state->lastReceive).user == User::unseen);
   });
@@ -111,8 +111,7 @@ std::string whyMissing() {
   if (const auto hub = findByName(Queues::ours)) {
     return fmt::format(
         "somebody has removed the queues of HubKeeper (process {}), which makes each anew when it uses it next; or it "
-        "is "
-        "only just starting",
+        "is only just starting",
         hub->id);
   }
   if (const auto hub = findByName(Queues::others)) {
@@ -123,13 +122,11 @@ std::string whyMissing() {
   if (const auto hub = findByName(Queues::unknown)) {
     return fmt::format(
         "HubKeeper (process {}) lives: somebody has removed its queues, or they are in another IPC namespace, which "
-        "only "
-        "its own user and root can see",
+        "only its own user and root can see",
         hub->id);
   }
   return "HubKeeper has not run since this machine's start, or somebody has removed its queues; it creates them when "
-         "it "
-         "starts";
+         "it starts";
 }
 
 std::string trouble(const Queue& queue, const QueueState& state) {

@@ -82,11 +82,24 @@ std::optional<std::set<pid_t>> commandsOf(pid_t hub) {
   return std::set<pid_t>(std::istream_iterator<pid_t>(file), {});
 }
 
-// Whether a thread stands in msgrcv(2) on that queue: its system call and first argument.
+// Whether a thread stands in msgrcv(2) on that queue: its system call and first arguments. A kernel of 64 bits runs 32-bit
+// programs too, which have numbers of their own; the other kind has no call that waits under the same ones. Older 32-bit
+// programs of x86 go through ipc(2), where call 12 is the receive and the queue stands second.
 bool waitsFor(std::ifstream& call, int queueHandle) {
+  enum : long { x86Receive = 70, x86Receive32 = 401, x86Ipc32 = 117, armReceive = 188, armReceive32 = 302 };
+  constexpr bool x86 = SYS_msgrcv == x86Receive || SYS_msgrcv == x86Receive32;
+  constexpr bool arm = SYS_msgrcv == armReceive || SYS_msgrcv == armReceive32;
   long number = -1;
-  std::string first;
-  return (call >> number >> first) && number == SYS_msgrcv && std::strtol(first.c_str(), nullptr, 16) == queueHandle;
+  std::string first, second;
+  if (!(call >> number >> first >> second)) return false;
+  const auto is = [](const std::string& argument, long value) {
+    return std::strtol(argument.c_str(), nullptr, 16) == value;
+  };
+  if (x86 && number == x86Ipc32)
+    return (std::strtol(first.c_str(), nullptr, 16) & 0xFFFF) == 12 && is(second, queueHandle);
+  const bool receives = number == SYS_msgrcv || (x86 && (number == x86Receive || number == x86Receive32)) ||
+                        (arm && (number == armReceive || number == armReceive32));
+  return receives && is(first, queueHandle);
 }
 
 }  // namespace

@@ -33,6 +33,14 @@ std::optional<QueueState> lookAt(const Queue& queue) {
                     static_cast<unsigned>(state.msg_perm.mode & 0777)};
 }
 
+Glance glanceAt(const Queue& queue) {
+  try {
+    return {lookAt(queue), false};
+  } catch (const Failure&) {
+    return {std::nullopt, true};
+  }
+}
+
 std::optional<double> idleSeconds(const QueueState& state) {
   const std::time_t last = std::max(state.lastSend, state.lastReceive);
   if (last == 0 || clockSetSince(last)) return std::nullopt;

@@ -28,6 +28,14 @@ struct QueueState {
 /// Nothing when the queue does not exist; throws a Failure when it may not be looked at.
 std::optional<QueueState> lookAt(const Queue& queue);
 
+struct Glance {
+  std::optional<QueueState> state;
+  bool hidden;  // it may not be looked at
+};
+
+/// The same for who goes on without that queue.
+Glance glanceAt(const Queue& queue);
+
 /// Seconds since anybody sent or took a message, whole ones as the kernel keeps them; nothing when nobody ever has, or
 /// when the clock has been set since.
 std::optional<double> idleSeconds(const QueueState& state);

@@ -242,7 +242,5 @@ class Reader {
 
 ShellReading readAsShell(std::string_view entry) {
   const std::string_view seen = entry.substr(0, std::min(entry.size(), entry.find('\0')));
-  ShellReading reading = Reader(seen).read(seen.size() < entry.size());
-  reading.foundByPath = seen.find('/') == std::string_view::npos;
-  return reading;
+  return Reader(seen).read(seen.size() < entry.size());
 }

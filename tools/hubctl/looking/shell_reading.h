@@ -13,7 +13,6 @@ struct ShellReading {
   Waits waits = Waits::no;   // whether a command stays in the foreground, and the service waits with the shell
   std::string waitsBecause;  // where it does
   bool pattern = false;      // it stays as it is only where no other file's name fits
-  bool foundByPath = false;  // a name without "/", looked for in PATH
 };
 
 /// Reads what a C string holds: up to the first NUL byte. What follows one takes the "&" with it.

@@ -31,7 +31,7 @@ std::string running(const std::string& command, double timeout) {
 
 // The first line of the reply: the statuses, the time-out and the size of the output. What was killed earlier than that was
 // killed by somebody else.
-void readHeader(const std::string& reply, double seconds, Outcome& outcome) {
+void readHeader(const std::string& reply, Outcome& outcome) {
   constexpr const char* lost = "the board's shell was ended before it could tell how the command went";
   int tool = 0, status = -1;
   unsigned long long size = 0;
@@ -40,7 +40,7 @@ void readHeader(const std::string& reply, double seconds, Outcome& outcome) {
     throw Failure("the board could not prepare the command; it said\n" + reply);
   }
   const bool ended = tool == 137 || tool == 143;  // timeout or its shell was killed, or terminated
-  outcome.timedOut = tool == statusOfTimeout || (ended && seconds >= outcome.timeout);
+  outcome.timedOut = tool == statusOfTimeout || (ended && outcome.seconds >= outcome.timeout);
   if (ended && !outcome.timedOut) throw Failure(lost);
   if (tool != 0 && !outcome.timedOut) {
     throw Failure(fmt::format("the board's timeout could not run the command: status {}{}", tool,
@@ -65,7 +65,8 @@ Outcome runCommand(Session& session, const std::string& command, double timeout,
                                        "echo $o $n $(wc -c <$t) $s{3}; }}",
                                        kept, makeDirectory(kept), running(command, timeout), rest));
     ran = true;
-    readHeader(reply, secondsSince(start), outcome);
+    outcome.seconds = secondsSince(start);
+    readHeader(reply, outcome);
     outcome.output = reply.substr(std::min(reply.size(), reply.find('\n') + 1), outcome.size);
     const auto sink = [&](std::string_view piece) { outcome.output += piece; };
     if (all) fetchFromBoard(session, kept + "/o", outcome.size, sink);

@@ -13,6 +13,7 @@ struct Outcome {
   std::optional<int> status;  // missing where the text was sent as it is
   bool timedOut = false;      // it was stopped, and then the status is 124
   double timeout = 0;         // seconds that the board's timeout(1) was given; it may not know fractions
+  double seconds = 0;         // until it had ended, without the fetching of its output; 0 without a status
   std::uint64_t size = 0;     // of the whole output
   std::string output;
   bool cut = false;  // or, without a status, perhaps cut

@@ -161,9 +161,9 @@ std::optional<Bytes> Session::receive(long milliseconds) {
 std::string Session::giveUp() {
   std::string why;
   try {
-    why = explainSilence();          // as long as the request stands there to be seen
-  } catch (const Failure& unseen) {  // whatever may not be looked at, the request is taken back
-    why = unseen.what();
+    why = explainSilence();  // as long as the request stands there to be seen
+  } catch (const std::exception& blind) {
+    why = blind.what();
   }
   if (takeBack()) why += "\nthe request was taken back from the queue: it will not be carried out later";
   return why;

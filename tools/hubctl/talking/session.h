@@ -59,11 +59,11 @@ class Session {
   /// were any.
   bool takeBack();
 
-  /// Whether the last request was taken back, so that nothing on the board has come of it.
-  bool tookBack() const { return taken; }
-
   /// The same, and returns what the queues showed before: the sentences that tell why no answer came.
   [[nodiscard]] std::string giveUp();
+
+  /// Whether the last request was taken back, so that nothing on the board has come of it.
+  bool tookBack() const { return taken; }
 
  private:
   void requireHub(bool answered);

@@ -13,11 +13,15 @@
 
 #include "tracing/calls.h"
 
+/// Nanoseconds since 1970 as the clock stood at the first call, counted on by one that nobody sets, so that no answer comes
+/// before its Packet. All times of a trace are of this clock.
+std::int64_t traceTime();
+
 /// A call that has returned.
 struct Returned {
   Call call;
   std::int64_t result;   // or a negative errno
-  std::int64_t time;     // of its return, in nanoseconds since 1970
+  std::int64_t time;     // of its return, by traceTime()
   std::uint64_t lasted;  // nanoseconds
   Bytes memory;          // the message with its mtype; for wait4 the status
 };
