@@ -75,12 +75,10 @@ def test_usage():
 2 | (no subcommand "bogus".*){2}         | hubctl bogus; hubctl help bogus
 2 | -l is no option                      | hubctl run -l ls
 2 | no queue "1004"                      | hubctl peek 1004
-2 | (FILE is empty.*){3}                 | hubctl trace --read ""; hubctl trace --write ""; hubctl metrics --write ""
+2 | (FILE has no name.*){3}                 | hubctl trace --read ""; hubctl trace --write ""; hubctl metrics --write ""
 2 | (takes standard output.*){2}         | hubctl trace --write - --json; hubctl trace --write - --stats
 1 | - has more than 16 MiB               | hubctl raw - </dev/zero
 2 | "g" is no hexadecimal digit          | hubctl raw 0g
-2 | (the FILE of --\w+ has no name.*){3} | hubctl trace --read ''; hubctl trace --write ''; hubctl metrics --write ''
-2 | no room there for --json or --stats  | hubctl trace --write - --json
 2 | no queue "a\.\[31m"                  | hubctl peek "$(printf 'a\033[31m')"
 0 | ^hubctl [0-9]+\.[0-9]+\.[0-9]+$      | hubctl --version
 """)
@@ -94,7 +92,6 @@ def test_heartbeats(hub):
     for message in texts(".04 .00 87"):
         put(message, "R")
     play('0 | took 3 messages first.*"answered":2.*"lost":0.*"unbounced":0 | hubctl ping -c 2 -i 0 --json')
-    see(0, "time=.*cannot write", "hubctl ping -i 0.01 | head -1")
     ping = start("ping", "-i", "100")
     assert "time=" in ping.stdout.readline()
     ping.send_signal(signal.SIGINT)

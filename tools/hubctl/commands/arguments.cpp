@@ -20,7 +20,9 @@ double parseNumber(const std::string& text, double least, bool whole) {
 }
 
 CLI::Option* addFile(CLI::App& app, const std::string& name, std::string& file, const std::string& help) {
-  const auto refuseEmpty = [](const std::string& given) { return std::string(given.empty() ? "FILE is empty" : ""); };
+  const auto refuseEmpty = [](const std::string& given) {
+    return std::string(given.empty() ? "FILE has no name" : "");
+  };
   return app.add_option(name, file, help)->type_name("FILE")->check(CLI::Validator(refuseEmpty, ""));
 }
 
@@ -34,7 +36,6 @@ std::string readInput(const std::string& path) {
     got = std::fread(part, 1, sizeof part, file);
     content.append(part, got);
     good = std::ferror(file) == 0;
-    if (stopWanted()) throw Failure("interrupted");
   }
   const int reason = errno;
   if (file != nullptr && file != stdin) std::fclose(file);

@@ -16,9 +16,6 @@ CLI::Option* addArgument(CLI::App& app, const std::string& name, Value& value, c
   return app.add_option(name, value, help)->type_name("");
 }
 
-/// Throws a WrongUsage when the option was given with an empty file name, as an unset variable of the shell makes it.
-void requireName(const CLI::Option& option);
-
 /// What an argument means as a number, 1e1 for 10 included; throws what CLI11 turns into a sentence when it is none from
 /// `least` up to a million, or no whole one where one is wanted.
 double parseNumber(const std::string& text, double least, bool whole);

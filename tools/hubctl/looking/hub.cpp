@@ -6,21 +6,11 @@
 #include <algorithm>
 #include <iterator>
 
-#include "base/failure.h"
 #include "showing/text.h"
 
 namespace {
 
 constexpr double grace = 3;  // seconds in which a reader need not come back
-
-// Nothing also where this user may not look at it: then the other queues have to tell.
-std::optional<QueueState> lookIfAllowed(const Queue& queue) {
-  try {
-    return lookAt(queue);
-  } catch (const Failure&) {
-    return std::nullopt;
-  }
-}
 
 // Who has sent on the other queues, and lives for certain, or only perhaps.
 std::optional<Process> findSender(User user) {
