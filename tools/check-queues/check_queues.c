@@ -3,8 +3,9 @@
  *
  * Whoever may write to the queues has HubKeeper's rights, and whoever owns the file of the commands' output forges it. So both
  * are made here: a queue in a way that fails where somebody was faster, and only then is judged what stands there; the file in
- * the place of whatever has its name. From then on nobody else can make them, as long as nobody with HubKeeper's rights removes them. Status 0, or 1 after a line on
- * standard error for each reason to refuse the start; each line ends with the command that mends it.
+ * the place of whatever has its name. From then on nobody else can make them, as long as nobody with HubKeeper's rights removes
+ * them. Status 0, or 1 after a line on standard error for each reason to refuse the start; each line names the command that mends
+ * it, or that shows why.
  */
 #include <fcntl.h>
 #include <grp.h>
